@@ -1,0 +1,44 @@
+// The virtual clock and its scheduled events.
+//
+// Time moves only when someone moves it: a virtual sleep, or a read that waits out its time-out.
+// Events run in time order (events due at the same time in the order they were scheduled), each
+// with the clock set to its own time. Not thread-safe: the front door serialises access.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <utility>
+
+namespace corvel::sim::fw {
+
+class Clock {
+  public:
+    uint64_t now_us() const { return now_; }
+    uint64_t slept_us() const { return slept_; }
+    std::size_t pending() const { return events_.size(); }
+
+    // Sets both counters back to zero. Scheduled events keep their times.
+    void reset() { now_ = slept_ = 0; }
+
+    void schedule(uint64_t at_us, std::function<void()> fn);
+
+    // Runs the earliest event due at or before `limit_us`, first moving the clock forward to its
+    // time (never backwards). Returns false when no event is due by then.
+    bool run_next(uint64_t limit_us);
+
+    // Runs every event due by `t_us`, then leaves the clock at `t_us` (or later, should an event
+    // have moved it further).
+    void advance_to(uint64_t t_us);
+
+    // A virtual sleep: advances by `us` and counts it as time slept.
+    void sleep(uint64_t us);
+
+  private:
+    uint64_t now_ = 0;
+    uint64_t slept_ = 0;
+    uint64_t sequence_ = 0;
+    std::map<std::pair<uint64_t, uint64_t>, std::function<void()>> events_;  // (time, sequence) -> event
+};
+
+}  // namespace corvel::sim::fw

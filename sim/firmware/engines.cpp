@@ -1,0 +1,18 @@
+// The registration table of the firmware model's engines.
+#include <array>
+
+#include "firmware/board_engine.hpp"
+#include "firmware/engine.hpp"
+#include "firmware/i2c_engine.hpp"
+
+namespace corvel::sim::fw {
+
+std::span<const EngineEntry> engine_table() {
+    static constexpr std::array kEngines{
+        EngineEntry{"board", &make_board_engine},
+        EngineEntry{"i2c", &make_i2c_engine},
+    };
+    return kEngines;
+}
+
+}  // namespace corvel::sim::fw

@@ -1,0 +1,467 @@
+#include "firmware/i2c_engine.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "CorvelMsg.h"
+#include "targets/eeprom.hpp"
+#include "targets/temp_sensor.hpp"
+
+namespace corvel::sim::fw {
+namespace {
+
+constexpr int kI2cPersonality = 1;
+
+// Request sizes: exact, or the fixed part before the data to write.
+constexpr std::size_t kConfigSize = 12;
+constexpr std::size_t kTimingSize = 2 * kI2cTimingValues;
+constexpr std::size_t kWriteHeader = 7;
+constexpr std::size_t kReadSize = 9;
+constexpr std::size_t kWriteReadHeader = 15;
+constexpr std::size_t kEventReadSize = 17;
+constexpr std::size_t kEventWriteHeader = 15;
+constexpr std::size_t kEventClearSize = 3;
+
+constexpr uint8_t kMaxSubAddrWidth = 4;
+constexpr uint16_t kMax7BitAddress = 0x7F;
+constexpr uint16_t kMax10BitAddress = 0x3FF;
+constexpr uint16_t kPinsInClearMask = 16;
+
+constexpr I2cAddress kDefaultEeprom{0x50};
+constexpr I2cAddress kDefaultSensor{0x48};
+
+// Data answers go raw on bulk IN: a reply header (code, status, length) and the data behind it,
+// exactly as long as that.
+Bytes data_answer(uint32_t code, uint8_t state, std::span<const uint8_t> data) {
+    return encode_reply(code, state, data, /*pad_to_packet=*/false);
+}
+
+std::string eeprom_file(int channel, I2cAddress a) {
+    char name[48];
+    if (a.ten_bit) {
+        std::snprintf(name, sizeof name, "eeprom-ch%d-10bit-%03x.bin", channel, a.value);
+    } else {
+        std::snprintf(name, sizeof name, "eeprom-ch%d-%02x.bin", channel, a.value);
+    }
+    return name;
+}
+
+// The part's address from the 8-bit form of the request.
+I2cAddress address_of(const I2cConfig& config, uint16_t addr) {
+    if (config.addr_type == 10) return I2cAddress{static_cast<uint16_t>(addr & kMax10BitAddress), true};
+    return I2cAddress{static_cast<uint16_t>((addr & 0xFF) >> 1), false};
+}
+
+bool valid_address(I2cAddress a) {
+    return a.value <= (a.ten_bit ? kMax10BitAddress : kMax7BitAddress);
+}
+
+// One transaction on a bus, from START to STOP. The STOP goes out however the transaction ends,
+// after a NACK too.
+class Transaction {
+  public:
+    explicit Transaction(std::map<I2cAddress, std::unique_ptr<I2cTarget>>& parts) : parts_(parts) {}
+    ~Transaction() {
+        if (part_ != nullptr) part_->stop();
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    // START, or repeated START, with the address and the R/W bit. False: nobody acknowledged.
+    bool start(I2cAddress address, bool read) {
+        auto it = parts_.find(address);
+        I2cTarget* next = it == parts_.end() ? nullptr : it->second.get();
+        if (part_ != nullptr && part_ != next) part_->stop();
+        part_ = next;
+        return part_ != nullptr && part_->start(read);
+    }
+
+    bool send(uint8_t byte) { return part_ != nullptr && part_->write(byte); }
+
+    bool send(std::span<const uint8_t> data) {
+        return std::all_of(data.begin(), data.end(), [this](uint8_t b) { return send(b); });
+    }
+
+    // The low `width` bytes of the sub-address, most significant first.
+    bool send_sub_address(uint32_t sub_addr, uint8_t width) {
+        for (int i = width - 1; i >= 0; --i)
+            if (!send(static_cast<uint8_t>(sub_addr >> (8 * i)))) return false;
+        return true;
+    }
+
+    // Only after a START with the read bit that was acknowledged.
+    void receive(std::size_t n, Bytes& out) {
+        out.reserve(n);
+        for (std::size_t i = 0; i < n; ++i) out.push_back(part_->read());
+    }
+
+  private:
+    std::map<I2cAddress, std::unique_ptr<I2cTarget>>& parts_;
+    I2cTarget* part_ = nullptr;
+};
+
+}  // namespace
+
+I2cEngine::I2cEngine(Port& port) : port_(port) {
+    attach_defaults();
+}
+
+I2cEngine::~I2cEngine() = default;
+
+std::vector<uint32_t> I2cEngine::message_codes() const {
+    return {MSG_KD_REQUEST_SET_IIC_INFORMATION,
+            MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION,
+            MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN,
+            MSG_KD_REQUEST_IIC_DATAS_READ,
+            MSG_KD_REQUEST_IIC_ADDR_DATAS_REC,
+            MSG_KD_SLAVE_WRITE,
+            MSG_KD_SLAVE_READ,
+            MSG_KD_SLAVE_WRITE_REMAIN,
+            MSG_KD_REQUEST_WRITE_READ,
+            MSG_KD_EVENT_READ,
+            MSG_KD_EVENT_WRITE,
+            MSG_KD_EVENT_CLEAR};
+}
+
+void I2cEngine::on_frame(const Frame& frame) {
+    const Bytes& p = frame.payload;
+    switch (frame.code) {
+        case MSG_KD_REQUEST_SET_IIC_INFORMATION:
+            set_config(p);
+            break;
+        case MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION:
+            set_timing(p);
+            break;
+        case MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN:
+            write(p);
+            break;
+        case MSG_KD_REQUEST_IIC_DATAS_READ:
+            read(p);
+            break;
+        case MSG_KD_REQUEST_WRITE_READ:
+            write_read(p);
+            break;
+        case MSG_KD_REQUEST_IIC_ADDR_DATAS_REC:
+            fetch();
+            break;
+        case MSG_KD_SLAVE_WRITE:
+            slave_load(p);
+            break;
+        case MSG_KD_SLAVE_READ:
+            slave_collect(p);
+            break;
+        case MSG_KD_SLAVE_WRITE_REMAIN:
+            slave_remaining(p);
+            break;
+        case MSG_KD_EVENT_READ:
+        case MSG_KD_EVENT_WRITE:
+            event_transfer(frame);
+            break;
+        case MSG_KD_EVENT_CLEAR:
+            event_clear(p);
+            break;
+        default:
+            break;
+    }
+}
+
+// ---- Channels
+
+I2cEngine::Channel* I2cEngine::channel(int index) {
+    return index >= 0 && index < kI2cChannels ? &channels_[static_cast<std::size_t>(index)] : nullptr;
+}
+
+I2cEngine::Channel* I2cEngine::master(uint8_t index) {
+    Channel* ch = channel(index);
+    return ch != nullptr && ch->config.initialised && ch->config.master_mode != 0 ? ch : nullptr;
+}
+
+I2cEngine::Channel* I2cEngine::slave(int index) {
+    Channel* ch = channel(index);
+    return ch != nullptr && ch->config.initialised && ch->config.master_mode == 0 ? ch : nullptr;
+}
+
+const I2cConfig* I2cEngine::config(int index) const {
+    return index >= 0 && index < kI2cChannels ? &channels_[static_cast<std::size_t>(index)].config : nullptr;
+}
+
+// ControlMode, ClockSpeed (4), a byte the host derives from the sub-address width (unused here),
+// SubAddrWidth, AddrType, channel, own address (2), MasterMode. A new configuration starts the
+// channel's slave buffers afresh; its parts stay.
+void I2cEngine::set_config(const Bytes& p) {
+    if (p.size() != kConfigSize || p[8] >= kI2cChannels || p[6] > kMaxSubAddrWidth ||
+        (p[7] != 7 && p[7] != 10)) {
+        port_.status(MSG_I2C_NINT_ERROR);
+        return;
+    }
+    Channel& ch = channels_[p[8]];
+    ch.config = I2cConfig{true, p[0], get_be32(p.data() + 1), p[6], p[7], get_be16(p.data() + 9), p[11]};
+    ch.slave_out.clear();
+    ch.slave_out_taken = 0;
+    ch.slave_in.clear();
+    port_.status(MSG_I2C_NINT_OK);
+}
+
+// Seven 16-bit values; the bus itself is modelled without timing, so they are only kept.
+void I2cEngine::set_timing(const Bytes& p) {
+    if (p.size() != kTimingSize) {
+        port_.status(MSG_I2C_NINT_ERROR);
+        return;
+    }
+    std::array<uint16_t, kI2cTimingValues> values{};
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = get_be16(p.data() + 2 * i);
+    timing_ = values;
+    port_.status(MSG_I2C_NINT_OK);
+}
+
+// ---- Bus transactions
+
+bool I2cEngine::bus_write(Channel& ch, uint16_t addr, uint32_t sub_addr, std::span<const uint8_t> data) {
+    Transaction t(ch.parts);
+    return t.start(address_of(ch.config, addr), false) &&
+           t.send_sub_address(sub_addr, ch.config.sub_addr_width) && t.send(data);
+}
+
+// With a sub-address: it is written first, then a repeated START turns the bus around for the
+// read. Without one the read starts at once, wherever the part's pointer stands.
+bool I2cEngine::bus_read(Channel& ch, uint16_t addr, uint32_t sub_addr, std::size_t len, Bytes& out) {
+    Transaction t(ch.parts);
+    const I2cAddress a = address_of(ch.config, addr);
+    const uint8_t width = ch.config.sub_addr_width;
+    if (width > 0 && !(t.start(a, false) && t.send_sub_address(sub_addr, width))) return false;
+    if (!t.start(a, true)) return false;
+    t.receive(len, out);
+    return true;
+}
+
+uint8_t I2cEngine::run_read(const Transfer& t) {
+    read_data_.clear();
+    Channel* ch = master(t.channel);
+    Bytes out;
+    if (ch == nullptr || !bus_read(*ch, t.addr, t.sub_addr, t.read_len, out)) return MSG_I2C_READ_DATA_ERROR;
+    read_data_ = std::move(out);
+    return MSG_I2C_READ_DATA_OK;
+}
+
+uint8_t I2cEngine::run_write(const Transfer& t, std::span<const uint8_t> data) {
+    Channel* ch = master(t.channel);
+    return ch != nullptr && bus_write(*ch, t.addr, t.sub_addr, data) ? MSG_I2C_WRITE_DATA_OK
+                                                                     : MSG_I2C_WRITE_DATA_ERROR;
+}
+
+// ---- Master transfers
+
+// Address (2), sub-address (4), channel, then the data.
+void I2cEngine::write(const Bytes& p) {
+    if (p.size() < kWriteHeader) {
+        port_.status(MSG_I2C_WRITE_DATA_ERROR);
+        return;
+    }
+    const Transfer t{get_be16(p.data()), get_be32(p.data() + 2), p[6], 0};
+    port_.status(run_write(t, std::span<const uint8_t>(p).subspan(kWriteHeader)));
+}
+
+// Address (2), sub-address (4), channel, length (2).
+void I2cEngine::read(const Bytes& p) {
+    if (p.size() != kReadSize) {
+        read_data_.clear();
+        port_.status(MSG_I2C_READ_DATA_ERROR);
+        return;
+    }
+    port_.status(
+        run_read(Transfer{get_be16(p.data()), get_be32(p.data() + 2), p[6], get_be16(p.data() + 7)}));
+}
+
+// Address (2), write sub-address (4), channel, read sub-address (4), interval (2), read length (2),
+// then the data to write. The write goes first as a transaction of its own (none at all when there
+// is neither a sub-address nor data); the interval needs no modelling, since nothing on the bus
+// changes during it; then the read follows as a plain read.
+void I2cEngine::write_read(const Bytes& p) {
+    Channel* ch = p.size() >= kWriteReadHeader ? master(p[6]) : nullptr;
+    if (ch == nullptr) {
+        read_data_.clear();
+        port_.status(MSG_I2C_READ_DATA_ERROR);
+        return;
+    }
+    const uint16_t addr = get_be16(p.data());
+    const auto data = std::span<const uint8_t>(p).subspan(kWriteReadHeader);
+    if ((ch->config.sub_addr_width > 0 || !data.empty()) &&
+        !bus_write(*ch, addr, get_be32(p.data() + 2), data)) {
+        read_data_.clear();
+        port_.status(MSG_I2C_READ_DATA_ERROR);
+        return;
+    }
+    port_.status(run_read(Transfer{addr, get_be32(p.data() + 7), p[6], get_be16(p.data() + 13)}));
+}
+
+// The pending read data, once: a header and the bytes, or the header alone saying "no data".
+void I2cEngine::fetch() {
+    if (read_data_.empty()) {
+        port_.raw(data_answer(MSG_KD_REQUEST_IIC_ADDR_DATAS_REC_FB, MSG_I2C_NO_DATA, {}));
+        return;
+    }
+    port_.raw(data_answer(MSG_KD_REQUEST_IIC_ADDR_DATAS_REC_FB, MSG_I2C_READ_DATA_OK, read_data_));
+    read_data_.clear();
+}
+
+// ---- Slave mode
+
+// Channel, then the bytes to offer the external master: they replace whatever was loaded before.
+void I2cEngine::slave_load(const Bytes& p) {
+    Channel* ch = p.empty() ? nullptr : slave(p[0]);
+    if (ch == nullptr) {
+        port_.status(MSG_I2C_WRITE_DATA_ERROR);
+        return;
+    }
+    ch->slave_out.assign(p.begin() + 1, p.end());
+    ch->slave_out_taken = 0;
+    port_.status(MSG_I2C_WRITE_DATA_OK);
+}
+
+// Channel. What the external master wrote since the last collect, behind a header; the header
+// alone when it wrote nothing (any channel number gets an answer).
+void I2cEngine::slave_collect(const Bytes& p) {
+    Channel* ch = p.empty() ? nullptr : channel(p[0]);
+    if (ch == nullptr || ch->slave_in.empty()) {
+        const uint8_t state = p.empty() ? MSG_I2C_READ_DATA_ERROR : MSG_I2C_NO_DATA;
+        port_.raw(data_answer(MSG_KD_SLAVE_READ_FB, state, {}));
+        return;
+    }
+    const std::size_t n = std::min(ch->slave_in.size(), kSlaveCollectMax);
+    port_.raw(data_answer(MSG_KD_SLAVE_READ_FB, MSG_I2C_READ_DATA_OK,
+                          std::span<const uint8_t>(ch->slave_in).first(n)));
+    ch->slave_in.erase(ch->slave_in.begin(), ch->slave_in.begin() + static_cast<std::ptrdiff_t>(n));
+}
+
+// Channel. The count of loaded bytes the external master has not read yet, as a 9-byte reply.
+void I2cEngine::slave_remaining(const Bytes& p) {
+    Channel* ch = p.empty() ? nullptr : channel(p[0]);
+    Bytes count;
+    if (ch == nullptr) {
+        put_be16(count, 0);
+        port_.reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_ERROR, count, /*pad_to_packet=*/false);
+        return;
+    }
+    const std::size_t remain = ch->slave_out.size() - ch->slave_out_taken;
+    put_be16(count, static_cast<uint16_t>(std::min<std::size_t>(remain, 0xFFFF)));
+    port_.reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_OK, count, /*pad_to_packet=*/false);
+}
+
+bool I2cEngine::external_write(int index, std::span<const uint8_t> bytes) {
+    Channel* ch = slave(index);
+    if (ch == nullptr) return false;
+    ch->slave_in.insert(ch->slave_in.end(), bytes.begin(), bytes.end());
+    return true;
+}
+
+Bytes I2cEngine::external_read(int index, std::size_t n) {
+    Channel* ch = slave(index);
+    if (ch == nullptr) return {};
+    const std::size_t k = std::min(n, ch->slave_out.size() - ch->slave_out_taken);
+    const auto begin = ch->slave_out.begin() + static_cast<std::ptrdiff_t>(ch->slave_out_taken);
+    ch->slave_out_taken += k;
+    return Bytes(begin, begin + static_cast<std::ptrdiff_t>(k));
+}
+
+// ---- Pin-event transfers
+
+// Read: address (2), sub-address (4), channel, length (2), pin (2), type (2), time-out in ms (4).
+// Write: address, sub-address, channel, pin, type, time-out, then the data. A well-formed request
+// gets no answer now: it waits for its event, and is dropped silently when the time-out passes
+// first. A malformed one is refused at once with the operation's error status.
+void I2cEngine::event_transfer(const Frame& frame) {
+    const Bytes& p = frame.payload;
+    EventTransfer e;
+    e.read = frame.code == MSG_KD_EVENT_READ;
+    const bool well_formed = e.read ? p.size() == kEventReadSize : p.size() >= kEventWriteHeader;
+    if (!well_formed || p[6] >= kI2cChannels) {
+        if (e.read) read_data_.clear();
+        port_.status(e.read ? MSG_I2C_READ_DATA_ERROR : MSG_I2C_WRITE_DATA_ERROR);
+        return;
+    }
+    e.transfer = Transfer{get_be16(p.data()), get_be32(p.data() + 2), p[6], 0};
+    const std::size_t events_at = e.read ? 9 : 7;
+    if (e.read) e.transfer.read_len = get_be16(p.data() + 7);
+    e.pin = get_be16(p.data() + events_at);
+    e.type = get_be16(p.data() + events_at + 2);
+    const uint32_t timeout_ms = get_be32(p.data() + events_at + 4);
+    if (!e.read) e.data.assign(p.begin() + static_cast<std::ptrdiff_t>(kEventWriteHeader), p.end());
+    e.id = next_event_id_++;
+    const uint64_t id = e.id;
+    waiting_.push_back(std::move(e));
+    port_.schedule_in(uint64_t{timeout_ms} * 1000, [this, id] {
+        std::erase_if(waiting_, [id](const EventTransfer& w) { return w.id == id; });
+    });
+}
+
+void I2cEngine::raise_pin_event(uint16_t pin, uint16_t type) {
+    std::vector<EventTransfer> due;
+    for (auto it = waiting_.begin(); it != waiting_.end();) {
+        if (it->pin == pin && it->type == type) {
+            due.push_back(std::move(*it));
+            it = waiting_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    for (const EventTransfer& e : due)
+        port_.status(e.read ? run_read(e.transfer) : run_write(e.transfer, e.data));
+}
+
+// Channel, then a mask of pins (bit n: pin n). Drops the channel's waiting transfers on those pins.
+void I2cEngine::event_clear(const Bytes& p) {
+    if (p.size() != kEventClearSize) {
+        port_.status(MSG_I2C_WRITE_DATA_ERROR);
+        return;
+    }
+    const uint8_t index = p[0];
+    const uint16_t mask = get_be16(p.data() + 1);
+    std::erase_if(waiting_, [&](const EventTransfer& e) {
+        return e.transfer.channel == index && e.pin < kPinsInClearMask && ((mask >> e.pin) & 1) != 0;
+    });
+    port_.status(MSG_I2C_WRITE_DATA_OK);
+}
+
+// ---- Parts
+
+I2cTarget* I2cEngine::part(int index, I2cAddress address) {
+    Channel* ch = channel(index);
+    if (ch == nullptr) return nullptr;
+    auto it = ch->parts.find(address);
+    return it == ch->parts.end() ? nullptr : it->second.get();
+}
+
+bool I2cEngine::attach(int index, I2cAddress address, std::unique_ptr<I2cTarget> part) {
+    Channel* ch = channel(index);
+    if (ch == nullptr || part == nullptr || !valid_address(address)) return false;
+    ch->parts[address] = std::move(part);
+    return true;
+}
+
+bool I2cEngine::attach_eeprom(int index, I2cAddress address) {
+    if (channel(index) == nullptr || !valid_address(address)) return false;
+    return attach(index, address,
+                  std::make_unique<Eeprom>(port_.nv(eeprom_file(index, address), Eeprom::kSize)));
+}
+
+bool I2cEngine::attach_sensor(int index, I2cAddress address) {
+    return attach(index, address, std::make_unique<TempSensor>());
+}
+
+void I2cEngine::detach(int index, I2cAddress address) {
+    if (Channel* ch = channel(index)) ch->parts.erase(address);
+}
+
+void I2cEngine::attach_defaults() {
+    if (part(0, kDefaultEeprom) == nullptr) attach_eeprom(0, kDefaultEeprom);
+    if (part(0, kDefaultSensor) == nullptr) attach_sensor(0, kDefaultSensor);
+}
+
+std::unique_ptr<Engine> make_i2c_engine(Port& port) {
+    if (port.identity().personality != kI2cPersonality) return nullptr;
+    return std::make_unique<I2cEngine>(port);
+}
+
+}  // namespace corvel::sim::fw
