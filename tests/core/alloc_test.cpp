@@ -1,0 +1,109 @@
+// The send and receive paths allocate nothing: every allocation whose caller lies inside the shipped
+// library is counted while the family functions run against the virtual adapter.
+#include <gtest/gtest.h>
+#include <link.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "ControlI2C.h"
+#include "wire.hpp"
+
+extern "C" void* __libc_malloc(std::size_t);
+extern "C" void* __libc_calloc(std::size_t, std::size_t);
+extern "C" void* __libc_realloc(void*, std::size_t);
+extern "C" void __libc_free(void*);
+
+namespace {
+
+std::atomic<bool> counting{false};
+std::atomic<int> library_allocations{0};
+uintptr_t library_begin = 0;
+uintptr_t library_end = 0;
+
+void note(void* caller) {
+    const auto at = reinterpret_cast<uintptr_t>(caller);
+    if (counting.load(std::memory_order_relaxed) && at >= library_begin && at < library_end)
+        ++library_allocations;
+}
+
+int find_library(dl_phdr_info* info, std::size_t, void*) {
+    if (std::strstr(info->dlpi_name, "libCorvel_Driver.so") == nullptr) return 0;
+    for (int i = 0; i < info->dlpi_phnum; ++i) {
+        const auto& ph = info->dlpi_phdr[i];
+        if (ph.p_type != PT_LOAD) continue;
+        const uintptr_t lo = info->dlpi_addr + ph.p_vaddr;
+        if (library_begin == 0 || lo < library_begin) library_begin = lo;
+        if (lo + ph.p_memsz > library_end) library_end = lo + ph.p_memsz;
+    }
+    return 1;
+}
+
+}  // namespace
+
+extern "C" void* malloc(std::size_t n) {
+    note(__builtin_return_address(0));
+    return __libc_malloc(n);
+}
+extern "C" void* calloc(std::size_t n, std::size_t size) {
+    note(__builtin_return_address(0));
+    return __libc_calloc(n, size);
+}
+extern "C" void* realloc(void* p, std::size_t n) {
+    note(__builtin_return_address(0));
+    return __libc_realloc(p, n);
+}
+void* operator new(std::size_t n) {
+    note(__builtin_return_address(0));
+    if (void* p = __libc_malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    __libc_free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    __libc_free(p);
+}
+
+namespace {
+
+using namespace corvel::test;
+namespace sim = corvel::sim;
+
+TEST(Allocation, NoneOnTheSendAndReceivePaths) {
+    dl_iterate_phdr(find_library, nullptr);
+    ASSERT_NE(library_begin, 0u);
+
+    sim::configure({adapter("A")});
+    ASSERT_EQ(KII_OpenDevice(1, 0, 0), 0);
+    KII_INIT_CONFIG c{1, 0, 7, 1, 0, 100000};
+    ASSERT_EQ(KII_InitI2C(1, 0, 0, &c), 0);
+
+    counting = true;
+    uint8_t bytes[64] = {1, 2, 3};
+    uint16_t remain = 0;
+    KII_BOARD_INFO info;
+    uint8_t answer[8];
+    EXPECT_EQ(KII_WriteBytes(1, 0, 0, 0xA0, 0, bytes, 8), 0);
+    EXPECT_EQ(KII_ReadBytes(1, 0, 0, 0xA0, 0, bytes, 64), 0);
+    EXPECT_EQ(KII_WriteReadBytes(1, 0, 0, 0xA0, 0, bytes, 0, 0, bytes, 16, 0), 0);
+    EXPECT_EQ(KII_SlaveWriteRemain(1, 0, 0, &remain), 0);
+    EXPECT_EQ(KII_WriteUserData(1, 0, 0, bytes, 64), 0);
+    EXPECT_EQ(KII_ReadUserData(1, 0, 0, bytes, 64), 0);
+    EXPECT_EQ(KII_ReadBoardInfo(0, &info), 0);
+    EXPECT_EQ(KD_ExecuteCommand(KD_CMD_GET_CORVEL_VN, 0, 0, answer), 0);
+    counting = false;
+    EXPECT_EQ(library_allocations.load(), 0);
+
+    // The counter does see the library's own allocations: a scan that finds a new adapter
+    // allocates its list node.
+    sim::configure({adapter("A"), adapter("B")});
+    counting = true;
+    EXPECT_EQ(KD_EnumBoard(1), 2);
+    counting = false;
+    EXPECT_GT(library_allocations.load(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,237 @@
+// Frames on the wire: headers, payload bounds, zero-length packets and the receive variants.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+
+#include "CorvelBoard.h"
+#include "libusb_driver.h"
+#include "usb_driver.h"
+#include "usb_list.h"
+#include "wire.hpp"
+
+namespace {
+
+using namespace corvel::test;
+namespace sim = corvel::sim;
+
+class Messages : public testing::Test {
+  protected:
+    void SetUp() override {
+        sim::configure({adapter("A")});
+        ASSERT_EQ(KD_EnumBoard(1), 1);
+        ASSERT_EQ(KD_OpenBoard(0), 0);
+        sim::clear_records();
+        sim::reset_clock();
+        out.fill(0xEE);
+    }
+    S_MSG msg(int32_t code, int32_t size, uint8_t* payload, uint8_t pack = 0) {
+        return S_MSG{code, size, MSG_NO_STATE, pack, payload};
+    }
+    std::array<uint8_t, 1024> out{};
+};
+
+struct HeaderCase {
+    int32_t code;
+    int32_t size;
+    Bytes header;
+};
+
+class FrameHeader : public Messages, public testing::WithParamInterface<HeaderCase> {};
+
+TEST_P(FrameHeader, CodeDecidesBetweenSevenAndNineBytes) {
+    const HeaderCase c = GetParam();
+    Bytes payload(static_cast<std::size_t>(c.size));
+    for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i + 1);
+    S_MSG m = msg(c.code, c.size, payload.data(), 0x5A);
+    ASSERT_EQ(USB_SendMsg(0, &m), 0);
+    const auto f = frames();
+    ASSERT_EQ(f.size(), 1u);
+    Bytes expected = c.header;
+    expected.insert(expected.end(), payload.begin(), payload.end());
+    EXPECT_EQ(f[0], expected);
+    EXPECT_EQ(calls(Call::BulkWrite)[0].timeout_ms, 5000);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codes, FrameHeader,
+    testing::Values(HeaderCase{772, 3, {0x00, 0x00, 0x03, 0x04, 0x5A, 0x00, 0x03}},
+                    HeaderCase{32767, 2, {0x00, 0x00, 0x7F, 0xFF, 0x5A, 0x00, 0x02}},
+                    HeaderCase{32768, 2, {0x00, 0x00, 0x80, 0x00, 0x5A, 0x00, 0x00, 0x00, 0x02}},
+                    HeaderCase{32770, 300, {0x00, 0x00, 0x80, 0x02, 0x5A, 0x00, 0x00, 0x01, 0x2C}},
+                    HeaderCase{260, 0, {0x00, 0x00, 0x01, 0x04, 0x5A, 0x00, 0x00}}));
+
+struct ZlpCase {
+    int32_t code;
+    int32_t size;
+    std::size_t zero_length_packets;
+};
+
+class FrameZlp : public Messages, public testing::WithParamInterface<ZlpCase> {};
+
+TEST_P(FrameZlp, PacketMultipleFramesAreFollowedByThree) {
+    const ZlpCase c = GetParam();
+    Bytes payload(static_cast<std::size_t>(c.size), 0x11);
+    S_MSG m = msg(c.code, c.size, payload.data());
+    ASSERT_EQ(USB_SendMsg(0, &m), 0);
+    const auto writes = calls(Call::BulkWrite);
+    ASSERT_EQ(writes.size(), 1 + c.zero_length_packets);
+    for (std::size_t i = 1; i < writes.size(); ++i) EXPECT_TRUE(writes[i].data.empty());
+    // The first zero-length packet belongs to the frame's own write (5000 ms); the extra write of
+    // the message layer uses 500 ms and adds two.
+    if (c.zero_length_packets == 3) {
+        EXPECT_EQ(writes[1].timeout_ms, 5000);
+        EXPECT_EQ(writes[2].timeout_ms, 500);
+        EXPECT_EQ(writes[3].timeout_ms, 500);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, FrameZlp,
+                         testing::Values(ZlpCase{772, 57, 3}, ZlpCase{772, 58, 0}, ZlpCase{772, 121, 3},
+                                         ZlpCase{32768, 55, 3}, ZlpCase{32768, 57, 0}));
+
+TEST_F(Messages, OversizedOrMissingPayloadFailsWithoutTraffic) {
+    static std::array<uint8_t, kSendBufferSize> big{};
+    S_MSG fits = msg(772, 102793, big.data());
+    S_MSG too_long = msg(772, 102794, big.data());
+    S_MSG long_too_long = msg(32768, 102792, big.data());
+    S_MSG null_payload = msg(772, 4, nullptr);
+    S_MSG negative = msg(772, -1, big.data());
+    EXPECT_EQ(USB_SendMsg(0, &too_long), 1);
+    EXPECT_EQ(USB_SendMsg(0, &long_too_long), 1);
+    EXPECT_EQ(USB_SendMsg(0, &null_payload), 1);
+    EXPECT_EQ(USB_SendMsg(0, &negative), 1);
+    EXPECT_TRUE(frames().empty());
+    EXPECT_EQ(USB_SendMsg(0, &fits), 0);
+    EXPECT_EQ(frames().at(0).size(), kSendBufferSize);
+}
+
+TEST_F(Messages, ShortWriteFailsTheSend) {
+    sim::fail_next(Call::BulkWrite, 1, -5);
+    uint8_t p[2] = {1, 2};
+    S_MSG m = msg(772, 2, p);
+    EXPECT_EQ(USB_SendMsg(0, &m), 1);
+}
+
+TEST_F(Messages, PacketReplyCopiesTheAnnouncedPayload) {
+    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, {0xA1, 0xA2, 0xA3, 0xA4}, 3, 512));
+    S_MSG m = msg(0, 0, out.data());
+    ASSERT_EQ(USB_GetMsg(0, &m), 0);
+    EXPECT_EQ(m.message, 261);
+    EXPECT_EQ(m.status, MSG_MSG_DATA_TRAN_OK);
+    EXPECT_EQ(m.size, 3);
+    EXPECT_EQ(out[2], 0xA3);
+    EXPECT_EQ(out[3], 0xEE);  // exactly three bytes copied
+    EXPECT_EQ(calls(Call::BulkRead).at(0).timeout_ms, 5000);
+}
+
+TEST_F(Messages, PacketReplyNeverCopiesPastThePacket) {
+    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, Bytes(505, 0x77), 0xFFFF, 512));
+    S_MSG m = msg(0, 0, out.data());
+    ASSERT_EQ(USB_GetMsg(0, &m), 0);
+    EXPECT_EQ(out[504], 0x77);
+    EXPECT_EQ(out[505], 0xEE);
+}
+
+TEST_F(Messages, OnlyAFullPacketCounts) {
+    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, {1}, 1, 511));
+    S_MSG m = msg(99, 0, out.data());
+    EXPECT_EQ(USB_GetMsg(0, &m), 1);
+    EXPECT_EQ(m.message, 0);
+    EXPECT_EQ(out[0], 0xEE);
+}
+
+TEST_F(Messages, ExactLengthReceive) {
+    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x01, 0x02}, 2, 9));
+    S_MSG m = msg(0, 2, out.data());
+    ASSERT_EQ(USB_GetMsgWithSize(0, &m), 0);
+    EXPECT_EQ(m.message, 787);
+    EXPECT_EQ(out[1], 0x02);
+    EXPECT_EQ(calls(Call::BulkRead).at(0).data.size(), 9u);
+    EXPECT_EQ(calls(Call::BulkRead).at(0).timeout_ms, 1000);
+
+    // A reply announcing more than arrived copies only what arrived.
+    out.fill(0xEE);
+    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x05, 0x06}, 40, 9));
+    m = msg(0, 2, out.data());
+    ASSERT_EQ(USB_GetMsgWithSize(0, &m), 0);
+    EXPECT_EQ(out[1], 0x06);
+    EXPECT_EQ(out[2], 0xEE);
+
+    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x01}, 1, 8));
+    m = msg(1, 2, out.data());
+    EXPECT_EQ(USB_GetMsgWithSize(0, &m), 1);
+    EXPECT_EQ(m.message, 0);
+
+    m = msg(1, 506, out.data());  // more than one packet holds
+    EXPECT_EQ(USB_GetMsgWithSize(0, &m), 1);
+}
+
+TEST_F(Messages, LongReceiveReadsHeaderThenPayload) {
+    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 0, 7));
+    S_MSG m = msg(0, 0, out.data());
+    ASSERT_EQ(USB_GetMsgEx(0, &m), 0);
+    EXPECT_EQ(count(Call::BulkRead), 1u);  // size 0: done after the header
+
+    sim::clear_records();
+    Bytes payload(600);
+    for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i);
+    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 600, 7));
+    sim::inject_in(0, kEndpointBulkIn, payload);
+    std::array<uint8_t, 700> big{};
+    m = msg(0, 0, big.data());
+    ASSERT_EQ(USB_GetMsgEx(0, &m), 0);
+    EXPECT_EQ(m.size, 600);
+    EXPECT_EQ(big[599], static_cast<uint8_t>(599));
+    const auto reads = calls(Call::BulkRead);
+    ASSERT_EQ(reads.size(), 2u);
+    EXPECT_EQ(reads[1].data.size(), 600u);
+
+    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 10, 7));
+    sim::inject_in(0, kEndpointBulkIn, {1, 2, 3});
+    m = msg(0, 0, big.data());
+    EXPECT_EQ(USB_GetMsgEx(0, &m), 1);
+    EXPECT_EQ(m.message, 0);
+}
+
+TEST_F(Messages, StatusByteOrNoState) {
+    sim::inject_in(0, kEndpointBulkIn, {MSG_I2C_WRITE_DATA_OK});
+    EXPECT_EQ(USB_GetStatus(0), MSG_I2C_WRITE_DATA_OK);
+    EXPECT_EQ(calls(Call::BulkRead).at(0).timeout_ms, 3000);
+
+    sim::clear_records();
+    EXPECT_EQ(USB_GetStatus(0), MSG_NO_STATE);  // a silent adapter: 100 attempts, 10 s of pauses
+    EXPECT_EQ(count(Call::BulkRead), 100u);
+    EXPECT_EQ(sim::slept_us(), 10000000u);
+
+    sim::clear_records();
+    EXPECT_EQ(USB_GetStatusWithTimeOut(0, 1234), MSG_NO_STATE);
+    ASSERT_EQ(count(Call::BulkRead), 1u);
+    EXPECT_EQ(calls(Call::BulkRead)[0].timeout_ms, 1234);
+}
+
+TEST_F(Messages, SendStatusChecksBeforeWriting) {
+    uint8_t p[506] = {};
+    EXPECT_EQ(USB_SendStatus(0, msg(0, 0, nullptr)), -4);
+    EXPECT_EQ(USB_SendStatus(0, msg(776, 3, nullptr)), -4);
+    EXPECT_EQ(USB_SendStatus(0, msg(776, 506, p)), -4);
+    EXPECT_TRUE(sim::records().empty());
+
+    EXPECT_EQ(USB_SendStatus(0, msg(776, 0, nullptr)), 0);
+    const auto w = calls(Call::BulkWrite);
+    ASSERT_EQ(w.size(), 1u);  // no extra zero-length packet
+    EXPECT_EQ(w[0].data, (Bytes{0x00, 0x00, 0x03, 0x08, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(w[0].timeout_ms, 500);
+
+    sim::fail_next(Call::BulkWrite, 1, -5);
+    EXPECT_EQ(USB_SendStatus(0, msg(776, 0, nullptr)), -5);
+}
+
+TEST_F(Messages, ConnectionTest) {
+    EXPECT_TRUE(DeviceIsConnected(0));
+    EXPECT_FALSE(DeviceIsConnected(1));
+    sim::unplug(0);
+    EXPECT_FALSE(DeviceIsConnected(0));
+}
+
+}  // namespace
