@@ -1,0 +1,24 @@
+// State shared by every subcommand of the corvel tool.
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace corvel::cli {
+
+struct Context {
+    bool sim = false;          // --sim: run on the virtual adapter instead of USB hardware
+    std::function<int()> run;  // body of the chosen subcommand; returns the exit status
+};
+
+// One function per subcommand group; each adds its subcommands to `app`. A subcommand's callback
+// only stores its body in `ctx.run`: main() runs it once the --sim re-exec has been decided, so
+// that nothing reaches the library before the drop-in libusb is in place.
+void add_board_commands(CLI::App& app, Context& ctx);
+void add_info_commands(CLI::App& app, Context& ctx);
+void add_i2c_commands(CLI::App& app, Context& ctx);
+
+}  // namespace corvel::cli

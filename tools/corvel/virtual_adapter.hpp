@@ -1,0 +1,18 @@
+// `--sim`: running the tool on the virtual adapter.
+#pragma once
+
+namespace corvel::cli {
+
+// Makes this process run on the virtual adapter. Unless CORVEL_SIM_ACTIVE says that this was done
+// already, the program re-executes itself (/proc/self/exe, same arguments) with the drop-in
+// libusb-0.1 first in LD_PRELOAD and CORVEL_SIM_ACTIVE=1, so the library binds to the drop-in
+// from the start. Must run before anything calls into the library.
+//
+// The drop-in is $CORVEL_SIM_LIBRARY when that is set (it must exist), else
+// <directory of the program>/../sim/libusb-0.1.so.4, else the path the build configured.
+//
+// Returns 0 when the process already runs on the virtual adapter; otherwise it returns only on
+// failure, with the exit status to use, after printing an error line.
+int enter_virtual_adapter(char** argv);
+
+}  // namespace corvel::cli
