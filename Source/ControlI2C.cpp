@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 
 #include "family.h"
 #include "libusb_driver.h"
@@ -61,6 +62,21 @@ int32_t fetch_read_data(int32_t DevIndex, uint8_t* out, uint16_t Len, int timeou
 
 bool read_too_long(uint16_t Len) {
     return Len > kReceiveDataMax;
+}
+
+// Slave address, sub-address (always 4 bytes) and channel: how every master request starts.
+Payload addressed(uint16_t Addr, uint32_t SubAddr, int32_t I2CIndex) {
+    return request().be16(Addr).be32(SubAddr).u8(static_cast<uint32_t>(I2CIndex));
+}
+
+// A read-type request: its status must be the read's OK, then the collected data is fetched. The
+// status wait is the usual one, or one attempt with the caller's time-out for pin events.
+int32_t read_transfer(int32_t DevIndex, int32_t code, const Payload& p, uint8_t* out, uint16_t Len,
+                      int fetch_timeout_ms, std::optional<int> status_timeout_ms = std::nullopt) {
+    const int32_t r = status_timeout_ms ? request_status_timeout(DevIndex, code, p.view(),
+                                                                 MSG_I2C_READ_DATA_OK, *status_timeout_ms)
+                                        : request_status(DevIndex, code, p.view(), MSG_I2C_READ_DATA_OK);
+    return r != 0 ? r : fetch_read_data(DevIndex, out, Len, fetch_timeout_ms);
 }
 
 // Cuts a user-data count at the end of the area, and to 0 when the offset lies past it.
@@ -140,7 +156,7 @@ int32_t KII_PullupConfig(int32_t, int32_t, int32_t, uint32_t) {
 int32_t KII_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t Addr, uint32_t SubAddr,
                        uint8_t* pWriteData, uint16_t Len) {
     if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, {pWriteData}); r != 0) return r;
-    auto p = request().be16(Addr).be32(SubAddr).u8(static_cast<uint32_t>(I2CIndex)).bytes(pWriteData, Len);
+    auto p = addressed(Addr, SubAddr, I2CIndex).bytes(pWriteData, Len);
     return request_status(DevIndex, MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN, p.view(), MSG_I2C_WRITE_DATA_OK);
 }
 
@@ -148,12 +164,8 @@ int32_t KII_ReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint1
                       uint8_t* pReadData, uint16_t Len) {
     if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, {pReadData}); r != 0) return r;
     if (read_too_long(Len)) return KD_ERR_DATA_FORMAT;
-    auto p = request().be16(Addr).be32(SubAddr).u8(static_cast<uint32_t>(I2CIndex)).be16(Len);
-    if (const int32_t r =
-            request_status(DevIndex, MSG_KD_REQUEST_IIC_DATAS_READ, p.view(), MSG_I2C_READ_DATA_OK);
-        r != 0)
-        return r;
-    return fetch_read_data(DevIndex, pReadData, Len, kMasterFetchTimeoutMs);
+    return read_transfer(DevIndex, MSG_KD_REQUEST_IIC_DATAS_READ,
+                         addressed(Addr, SubAddr, I2CIndex).be16(Len), pReadData, Len, kMasterFetchTimeoutMs);
 }
 
 int32_t KII_WriteReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t SlaveAddr,
@@ -163,18 +175,12 @@ int32_t KII_WriteReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, 
     if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, {pWriteData, pReadData}); r != 0)
         return r;
     if (read_too_long(ReadLen)) return KD_ERR_DATA_FORMAT;
-    auto p = request()
-                 .be16(SlaveAddr)
-                 .be32(WriteSubAddr)
-                 .u8(static_cast<uint32_t>(I2CIndex))
+    auto p = addressed(SlaveAddr, WriteSubAddr, I2CIndex)
                  .be32(ReadSubAddr)
                  .be16(IntervalTime)
                  .be16(ReadLen)
                  .bytes(pWriteData, WriteLen);
-    if (const int32_t r = request_status(DevIndex, MSG_KD_REQUEST_WRITE_READ, p.view(), MSG_I2C_READ_DATA_OK);
-        r != 0)
-        return r;
-    return fetch_read_data(DevIndex, pReadData, ReadLen, kMasterFetchTimeoutMs);
+    return read_transfer(DevIndex, MSG_KD_REQUEST_WRITE_READ, p, pReadData, ReadLen, kMasterFetchTimeoutMs);
 }
 
 int32_t KII_SlaveWriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint8_t* pWriteData,
@@ -225,29 +231,19 @@ int32_t KII_PinEventReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CInde
                               uint16_t Len, int32_t TimeOutMs) {
     if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, {pReadData}); r != 0) return r;
     if (read_too_long(Len)) return KD_ERR_DATA_FORMAT;
-    auto p = request()
-                 .be16(SlaveAddr)
-                 .be32(SubAddr)
-                 .u8(static_cast<uint32_t>(I2CIndex))
+    auto p = addressed(SlaveAddr, SubAddr, I2CIndex)
                  .be16(Len)
                  .be16(EventPin)
                  .be16(EventType)
                  .be32(static_cast<uint32_t>(TimeOutMs));
-    if (const int32_t r =
-            request_status_timeout(DevIndex, MSG_KD_EVENT_READ, p.view(), MSG_I2C_READ_DATA_OK, TimeOutMs);
-        r != 0)
-        return r;
-    return fetch_read_data(DevIndex, pReadData, Len, kEventFetchTimeoutMs);
+    return read_transfer(DevIndex, MSG_KD_EVENT_READ, p, pReadData, Len, kEventFetchTimeoutMs, TimeOutMs);
 }
 
 int32_t KII_PinEventWriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t EventPin,
                                uint16_t EventType, uint16_t SlaveAddr, uint32_t SubAddr, uint8_t* pWriteData,
                                uint16_t Len, int32_t TimeOutMs) {
     if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, {pWriteData}); r != 0) return r;
-    auto p = request()
-                 .be16(SlaveAddr)
-                 .be32(SubAddr)
-                 .u8(static_cast<uint32_t>(I2CIndex))
+    auto p = addressed(SlaveAddr, SubAddr, I2CIndex)
                  .be16(EventPin)
                  .be16(EventType)
                  .be32(static_cast<uint32_t>(TimeOutMs))

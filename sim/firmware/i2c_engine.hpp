@@ -25,6 +25,7 @@
 #include <span>
 #include <vector>
 
+#include "corvel/sim_i2c.hpp"
 #include "firmware/engine.hpp"
 #include "targets/i2c_target.hpp"
 
@@ -36,16 +37,9 @@ inline constexpr std::size_t kI2cTimingValues = 7;
 // behind the header. What the external master wrote beyond it waits for the next collect.
 inline constexpr std::size_t kSlaveCollectMax = 10233;
 
-// A channel as the last MSG_KD_REQUEST_SET_IIC_INFORMATION left it.
-struct I2cConfig {
-    bool initialised = false;
-    uint8_t control_mode = 0;
-    uint32_t clock_hz = 0;
-    uint8_t sub_addr_width = 0;
-    uint8_t addr_type = 7;
-    uint16_t own_addr = 0;
-    uint8_t master_mode = 1;  // 1 master, 0 slave
-};
+// A channel as the last MSG_KD_REQUEST_SET_IIC_INFORMATION left it: the record the control API
+// reports.
+using I2cConfig = corvel::sim::I2cChannel;
 
 // Where a part answers on its bus.
 struct I2cAddress {

@@ -10,14 +10,6 @@ namespace {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-// Runs `fn` on adapter `index`'s firmware model under the lock; nothing for an unknown index.
-template <typename Fn>
-void with_firmware(int index, Fn&& fn) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    if (fw::Firmware* f = s.firmware(index)) fn(*f);
-}
-
 }  // namespace
 
 void configure(const std::vector<AdapterSpec>& adapters) {

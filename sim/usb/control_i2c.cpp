@@ -12,14 +12,10 @@ namespace {
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-// Runs `fn` on adapter `index`'s I2C engine under the lock; nothing for an unknown adapter or one
-// without I2C.
+// Runs `fn` on adapter `index`'s I2C engine; nothing for an unknown adapter or one without I2C.
 template <typename Fn>
 void with_i2c(int index, Fn&& fn) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    if (fw::Firmware* f = s.firmware(index))
-        if (fw::I2cEngine* e = f->find_engine<fw::I2cEngine>()) fn(*e);
+    with_engine<fw::I2cEngine>(index, std::forward<Fn>(fn));
 }
 
 // The part of type T at a 7-bit address, or null.
@@ -33,14 +29,7 @@ T* part_at(fw::I2cEngine& e, int channel, uint8_t addr7) {
 I2cChannel i2c_channel(int adapter, int channel) {
     I2cChannel out;
     with_i2c(adapter, [&](fw::I2cEngine& e) {
-        if (const fw::I2cConfig* c = e.config(channel))
-            out = I2cChannel{.initialised = c->initialised,
-                             .control_mode = c->control_mode,
-                             .clock_hz = c->clock_hz,
-                             .sub_addr_width = c->sub_addr_width,
-                             .addr_type = c->addr_type,
-                             .own_addr = c->own_addr,
-                             .master_mode = c->master_mode};
+        if (const fw::I2cConfig* c = e.config(channel)) out = *c;
     });
     return out;
 }

@@ -125,4 +125,21 @@ class Simulator {
 // $CORVEL_SIM_STATE, else $XDG_STATE_HOME/corvel-sim, else $HOME/.local/state/corvel-sim, else "".
 std::string default_state_dir();
 
+// Runs `fn` on adapter `index`'s firmware model under the simulator's lock; nothing for an unknown
+// index. The control API reaches every adapter this way.
+template <typename Fn>
+void with_firmware(int index, Fn&& fn) {
+    Simulator& s = Simulator::instance();
+    std::lock_guard<std::recursive_mutex> lock(s.mutex());
+    if (fw::Firmware* f = s.firmware(index)) fn(*f);
+}
+
+// The same for one engine of the adapter; nothing when the adapter has no such engine.
+template <typename E, typename Fn>
+void with_engine(int index, Fn&& fn) {
+    with_firmware(index, [&](fw::Firmware& f) {
+        if (E* e = f.find_engine<E>()) fn(*e);
+    });
+}
+
 }  // namespace corvel::sim
