@@ -6,33 +6,15 @@
 #include <stdlib.h>
 #include <usb.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <string>
-#include <vector>
 
-#include "corvel/sim.hpp"
+#include "wire.hpp"
 
 namespace corvel::sim::test {
 
-using Bytes = std::vector<uint8_t>;
-
-inline AdapterSpec adapter(const std::string& serial, int type = 1) {
-    AdapterSpec a;
-    a.serial = serial;
-    a.personality = type;
-    return a;
-}
-
-// A request frame: 7-byte header, or 9 bytes when the code is above 32767.
-inline Bytes frame(uint32_t code, const Bytes& payload, uint8_t packet = 0) {
-    Bytes out{uint8_t(code >> 24), uint8_t(code >> 16), uint8_t(code >> 8), uint8_t(code), packet};
-    const uint32_t n = static_cast<uint32_t>(payload.size());
-    if (code > 32767) out.insert(out.end(), {uint8_t(n >> 24), uint8_t(n >> 16)});
-    out.insert(out.end(), {uint8_t(n >> 8), uint8_t(n)});
-    out.insert(out.end(), payload.begin(), payload.end());
-    return out;
-}
+using corvel::test::adapter;
+using corvel::test::Bytes;
 
 inline Bytes be32(uint32_t v) {
     return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
@@ -43,6 +25,14 @@ inline Bytes operator+(Bytes a, const Bytes& b) {
     return a;
 }
 
+// A request frame: 7-byte header, or 9 bytes (a 4-byte length) when the code is above 32767.
+inline Bytes frame(uint32_t code, const Bytes& payload, uint8_t packet = 0) {
+    const uint32_t n = static_cast<uint32_t>(payload.size());
+    const Bytes length = be32(n);
+    return be32(code) + Bytes{packet} + Bytes(length.begin() + (code > 32767 ? 0 : 2), length.end()) +
+           payload;
+}
+
 struct Read {
     int result;
     Bytes data;
@@ -51,26 +41,23 @@ struct Read {
 class SimTest : public testing::Test {
   protected:
     void SetUp() override {
-        std::string dir = (std::filesystem::temp_directory_path() / "corvel-sim-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(dir.data()), nullptr);
-        dir_ = dir;
+        dir_ = (std::filesystem::temp_directory_path() / "corvel-sim-test-XXXXXX").string();
+        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
         set_state_dir(dir_);
         clear_faults();
         virtual_clock(true);
         reset_clock();
         rebuild({adapter("CV0000000001")});
     }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
 
-    // Configures the bus afresh and reads it, with an empty capture.
+    // Configures the bus afresh, reads it and opens the first device, with an empty capture.
     void rebuild(const std::vector<AdapterSpec>& adapters) {
         configure(adapters);
         usb_init();
         usb_find_busses();
         usb_find_devices();
+        h = open();
         capture(true);
         clear_records();
     }
@@ -80,16 +67,15 @@ class SimTest : public testing::Test {
         for (; d != nullptr && index > 0; --index) d = d->next;
         return d;
     }
-
     static usb_dev_handle* open(int index = 0) { return usb_open(device(index)); }
 
+    // Endpoint 0x01 and 0x81 are interrupt transfers, the others bulk.
     static int write(usb_dev_handle* h, const Bytes& bytes, int endpoint = 0x02) {
         const char* p = reinterpret_cast<const char*>(bytes.data());
         const int n = static_cast<int>(bytes.size());
         return endpoint == 0x01 ? usb_interrupt_write(h, endpoint, p, n, 500)
                                 : usb_bulk_write(h, endpoint, p, n, 500);
     }
-
     static Read read(usb_dev_handle* h, int size, int endpoint = 0x82, int timeout_ms = 100) {
         Bytes buf(static_cast<std::size_t>(size));
         char* p = reinterpret_cast<char*>(buf.data());
@@ -98,8 +84,15 @@ class SimTest : public testing::Test {
         buf.resize(r > 0 ? static_cast<std::size_t>(r) : 0);
         return {r, buf};
     }
+    // Writes a request and returns what comes back on the matching IN endpoint.
+    Bytes ask(const Bytes& request, int endpoint = 0x02) {
+        EXPECT_EQ(write(h, request, endpoint), static_cast<int>(request.size()));
+        return read(h, 70000, endpoint | 0x80).data;
+    }
+    Bytes ask(uint32_t code, const Bytes& payload) { return ask(frame(code, payload)); }
 
     std::string dir_;
+    usb_dev_handle* h = nullptr;
 };
 
 }  // namespace corvel::sim::test
