@@ -50,7 +50,7 @@ TEST(Hexdump, AgreesWithSystemHexdumpOnRandomData) {
         }
         std::FILE* f = std::fopen(path.c_str(), "wb");
         ASSERT_NE(f, nullptr);
-        std::fwrite(data.data(), 1, data.size(), f);
+        if (!data.empty()) std::fwrite(data.data(), 1, data.size(), f);
         std::fclose(f);
         std::FILE* p = popen(("hexdump -C " + path).c_str(), "r");
         ASSERT_NE(p, nullptr);
