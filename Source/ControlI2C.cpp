@@ -36,11 +36,16 @@ Payload request() {
     return Payload(request_buffer);
 }
 
+// Device type, then the connection test: what every function checks first.
+int32_t check_device(int32_t DevType, int32_t DevIndex) {
+    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
+    return DeviceIsConnected(DevIndex) ? KD_SUCCESS : KD_ERR_DEVICE_NOT_OPEN;
+}
+
 // Type, connection, pointer(s), channel: the order every transfer checks in.
 int32_t check_transfer(int32_t DevType, int32_t DevIndex, int32_t I2CIndex,
                        std::initializer_list<const void*> ptrs) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     for (const void* p : ptrs)
         if (p == nullptr) return KD_ERR_PARAMETER_NULL;
     if (I2CIndex > kMaxChannelIndex) return KD_ERR_DATA_FORMAT;
@@ -111,8 +116,7 @@ int32_t KII_ReadBoardInfo(int32_t DevIndex, PKII_BOARD_INFO pInfo) {
 
 // The channel index is not limited here; the transfers limit it.
 int32_t KII_InitI2C(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, PKII_INIT_CONFIG pInitConfig) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     if (pInitConfig == nullptr) return KD_ERR_PARAMETER_NULL;
     const KII_INIT_CONFIG& c = *pInitConfig;
     if (c.ControlMode > 2) return KD_ERR_DATA_FORMAT;
@@ -134,8 +138,7 @@ int32_t KII_InitI2C(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, PKII_IN
 // Seven of the fields go out, each as a zero byte and its low byte: values above 255 lose their
 // high byte. Intended; the channel index is not part of the request.
 int32_t KII_TimeConfig(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, PKII_TIME_CONFIG pTimeConfig) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     if (pTimeConfig == nullptr) return KD_ERR_PARAMETER_NULL;
     if (I2CIndex > kMaxChannelIndex) return KD_ERR_DATA_FORMAT;
     const KII_TIME_CONFIG& t = *pTimeConfig;
@@ -210,8 +213,7 @@ int32_t KII_SlaveReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, 
 
 // The channel limit here is 2, not 20: intended.
 int32_t KII_SlaveWriteRemain(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t* pRemainBytes) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     if (pRemainBytes == nullptr) return KD_ERR_PARAMETER_NULL;
     if (I2CIndex > kSlaveRemainMaxChannel) return KD_ERR_DATA_FORMAT;
     if (send_request(DevIndex, MSG_KD_SLAVE_WRITE_REMAIN,
@@ -259,8 +261,7 @@ int32_t KII_ClearPinEvent(int32_t, int32_t, int32_t, uint16_t) {
 // The count is clamped before the null check: intended.
 int32_t KII_WriteUserData(int32_t DevType, int32_t DevIndex, int32_t OffsetAddr, uint8_t* pData,
                           int32_t DataNum) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     DataNum = clamp_user_data(OffsetAddr, DataNum);
     if (pData == nullptr) return KD_ERR_PARAMETER_NULL;
     // A negative offset escapes the clamp; a count that cannot go in one frame is out of range.
@@ -274,8 +275,7 @@ int32_t KII_WriteUserData(int32_t DevType, int32_t DevIndex, int32_t OffsetAddr,
 // intended, unlike the other reads.
 int32_t KII_ReadUserData(int32_t DevType, int32_t DevIndex, int32_t OffsetAddr, uint8_t* pData,
                          int32_t DataNum) {
-    if (DevType != KD_DEVTYPE_I2C) return KD_ERR_DEVICE_NOT_AVAILABLE;
-    if (!DeviceIsConnected(DevIndex)) return KD_ERR_DEVICE_NOT_OPEN;
+    if (const int32_t r = check_device(DevType, DevIndex); r != 0) return r;
     DataNum = clamp_user_data(OffsetAddr, DataNum);
     if (pData == nullptr) return KD_ERR_PARAMETER_NULL;
     std::array<uint8_t, 8> storage{};
