@@ -194,26 +194,6 @@ TEST_F(I2c, SlaveCollectsAreSplitToTheHostsBuffer) {
     EXPECT_EQ(ask(MSG_KD_SLAVE_READ, {5}), collect(kCollect, written.size()));
 }
 
-// A clear (which the library never sends) drops the waiting transfers of its channel whose pin is in
-// the mask; the others run when their event comes, once.
-TEST_F(I2c, PinEventTransfersAreClearedByChannelAndPinMask) {
-    for (uint16_t pin : {3, 4}) {
-        write(h, frame(MSG_KD_EVENT_WRITE,
-                       transfer(0xA0, 0x40, 0) + be16(pin) + be16(1) + be32(10000) + Bytes{uint8_t(pin)}));
-    }
-    EXPECT_EQ(status(MSG_KD_EVENT_CLEAR, {1, 0x00, 0x18}), MSG_I2C_WRITE_DATA_OK);
-    EXPECT_EQ(i2c_waiting_event_transfers(0), 2u);
-    EXPECT_EQ(status(MSG_KD_EVENT_CLEAR, {0, 0x00, 0x08}), MSG_I2C_WRITE_DATA_OK);
-    EXPECT_EQ(i2c_waiting_event_transfers(0), 1u);
-    for (int round = 0; round < 2; ++round) {
-        raise_pin_event(0, 3, 1);
-        raise_pin_event(0, 4, 1);
-    }
-    EXPECT_EQ(read(h, 8).data, Bytes{MSG_I2C_WRITE_DATA_OK});
-    EXPECT_TRUE(nothing_waits());
-    EXPECT_EQ(i2c_eeprom(0, 0, 0x50).at(0x40), 4);
-}
-
 TEST_F(I2c, ControlApiIsHarmlessOnUnknownAdaptersAndChannels) {
     for (int adapter : {-1, 1, 7}) {
         EXPECT_FALSE(i2c_channel(adapter, 0).initialised);

@@ -93,18 +93,5 @@ TEST_F(Usb, InjectedFailuresNeverReachTheAdapterAndClearFaultsDropsThem) {
     EXPECT_EQ(usb_claim_interface(h, 0), 0);
 }
 
-TEST_F(Usb, CaptureRecordsTheVirtualTimeUntilSwitchedOff) {
-    inject_in(0, 0x81, {5, 6});
-    usleep(1000);
-    read(h, 8, 0x81);
-    capture(false);
-    read(h, 8, 0x81);
-    const auto r = records();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].time_us, 1000u);
-    EXPECT_EQ(r[0].data, (Bytes{5, 6}));
-    EXPECT_STREQ(call_name(r[0].call), "usb_interrupt_read");
-}
-
 }  // namespace
 }  // namespace corvel::sim::test
