@@ -1,0 +1,199 @@
+// The adapter's wire protocol as numbers: USB identity and endpoints, frame header sizes, buffer
+// sizes, device types, per-family limits, and the big-endian field helpers.
+//
+// Internal (not installed). The library (Source/), the virtual adapter (sim/), the corvel tool
+// (tools/) and the tests all include this one header, so each fact has one place. Payload *layouts*
+// are not here: the library and the firmware model each code their own, and the byte-literal wire
+// tests are what catch a disagreement between them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+namespace corvel::proto {
+
+// ---- USB identity and endpoints --------------------------------------------------------------
+
+inline constexpr uint16_t kVendorId = 0x0483;
+inline constexpr uint16_t kProductId = 0x0666;
+inline constexpr int kInterface = 0;
+inline constexpr int kEndpointIntOut = 0x01;   // 8-byte board commands
+inline constexpr int kEndpointBulkOut = 0x02;  // request frames
+inline constexpr int kEndpointIntIn = 0x81;    // 8-byte command answers
+inline constexpr int kEndpointBulkIn = 0x82;   // reply frames, status bytes, raw data
+// Full-speed bulk packet size. A bulk OUT transfer ends with a packet shorter than this (a
+// zero-length one included); that is how the adapter delimits a frame.
+inline constexpr std::size_t kUsbPacketSize = 64;
+inline constexpr std::size_t kSerialStringSize = 128;  // the device list's serial-number field
+
+// The raw layer's pipe numbers: 1 selects interrupt OUT, 129 interrupt IN; any other value is bulk.
+inline constexpr int kPipeIntOut = 1;
+inline constexpr int kPipeBulkOut = 2;
+inline constexpr int kPipeIntIn = 129;
+inline constexpr int kPipeBulkIn = 130;
+
+// ---- Frames ----------------------------------------------------------------------------------
+
+inline constexpr std::size_t kShortHeaderSize = 7;  // code (4), packet number (1), size (2)
+inline constexpr std::size_t kLongHeaderSize = 9;   // code (4), packet number (1), size (4)
+inline constexpr std::size_t kReplyHeaderSize = 7;  // code (4), status (1), size (2): replies only
+inline constexpr uint32_t kLongHeaderFirstCode = 32768;  // codes from here on carry a 32-bit size
+
+constexpr std::size_t request_header_size(uint32_t code) {
+    return code >= kLongHeaderFirstCode ? kLongHeaderSize : kShortHeaderSize;
+}
+
+inline constexpr std::size_t kCommandSize = 8;  // interrupt request and answer
+
+// ---- Buffers ---------------------------------------------------------------------------------
+
+inline constexpr std::size_t kSendBufferSize = 102800;  // one request frame, header included
+inline constexpr std::size_t kPacketSize = 512;         // one reply packet
+inline constexpr std::size_t kPacketPayloadMax = kPacketSize - kReplyHeaderSize;  // 505
+inline constexpr std::size_t kLongReplyBufferSize = 102800;
+inline constexpr std::size_t kReceiveBufferSize = 10240;  // raw data answers, reply header included
+inline constexpr std::size_t kReceiveDataMax = kReceiveBufferSize - kReplyHeaderSize;  // 10233
+
+// ---- Device types (adapter personalities) ------------------------------------------------------
+
+inline constexpr int32_t kDevTypeI2c = 1;
+inline constexpr int32_t kDevTypeSpi = 2;
+inline constexpr int32_t kDevTypeCan1 = 3;  // one-channel CAN
+inline constexpr int32_t kDevTypeCan2 = 4;  // two-channel CAN
+
+// ---- Board information (answer to the product-information request) -----------------------------
+
+inline constexpr std::size_t kFirmwareVersionSize = 4;
+inline constexpr std::size_t kHardwareVersionSize = 4;
+inline constexpr std::size_t kBoardSerialSize = 12;
+inline constexpr std::size_t kProductNameSize = 32;
+inline constexpr std::size_t kProductInfoSize =
+    kFirmwareVersionSize + kHardwareVersionSize + kBoardSerialSize + kProductNameSize;  // 52
+
+// ---- Per-family limits -----------------------------------------------------------------------
+
+namespace i2c {
+inline constexpr int kChannels = 21;             // channel indices 0 to 20
+inline constexpr int32_t kMaxChannel = kChannels - 1;
+inline constexpr int32_t kSlaveRemainMaxChannel = 2;  // the remaining-bytes request's own limit
+inline constexpr uint32_t kMinClockHz = 1000;
+inline constexpr uint32_t kMaxClockHz = 5000000;
+inline constexpr uint8_t kMaxSubAddrWidth = 4;
+inline constexpr std::size_t kTimingValues = 7;  // fields of the timing request
+inline constexpr int32_t kUserDataSize = 2048;   // the adapter's non-volatile user-data area
+}  // namespace i2c
+
+// ---- Big-endian fields -----------------------------------------------------------------------
+
+constexpr void put_be16(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v);
+}
+
+constexpr void put_be32(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+constexpr uint16_t get_be16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+constexpr uint32_t get_be32(const uint8_t* p) {
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
+}
+
+// Builds a payload field by field into caller-owned storage (no allocation). A field that would
+// not fit is dropped and the writer remembers it: ok() is then false, and the payload must not go.
+class Writer {
+  public:
+    constexpr explicit Writer(std::span<uint8_t> storage) : buf_(storage) {}
+
+    constexpr Writer& u8(uint32_t v) {
+        if (room(1)) buf_[len_++] = static_cast<uint8_t>(v);
+        return *this;
+    }
+    constexpr Writer& be16(uint32_t v) {
+        if (room(2)) put_be16(&buf_[len_], v), len_ += 2;
+        return *this;
+    }
+    constexpr Writer& be32(uint32_t v) {
+        if (room(4)) put_be32(&buf_[len_], v), len_ += 4;
+        return *this;
+    }
+    Writer& bytes(const uint8_t* p, std::size_t n) {
+        if (n > 0 && room(n)) std::memcpy(&buf_[len_], p, n), len_ += n;
+        return *this;
+    }
+    Writer& bytes(std::span<const uint8_t> s) { return bytes(s.data(), s.size()); }
+
+    constexpr std::size_t size() const { return len_; }
+    constexpr bool ok() const { return ok_; }
+    constexpr std::span<const uint8_t> view() const { return buf_.first(len_); }
+
+  private:
+    constexpr bool room(std::size_t n) {
+        if (n <= buf_.size() - len_) return true;
+        ok_ = false;
+        return false;
+    }
+    std::span<uint8_t> buf_;
+    std::size_t len_ = 0;
+    bool ok_ = true;
+};
+
+// Reads a payload field by field, in the order a layout lists them. Reading past the end yields
+// zeros and clears ok(); nothing outside the span is ever touched.
+class Reader {
+  public:
+    constexpr explicit Reader(std::span<const uint8_t> bytes) : buf_(bytes) {}
+
+    constexpr uint8_t u8() { return has(1) ? buf_[pos_++] : 0; }
+    constexpr uint16_t be16() {
+        if (!has(2)) return 0;
+        const uint16_t v = get_be16(&buf_[pos_]);
+        pos_ += 2;
+        return v;
+    }
+    constexpr uint32_t be32() {
+        if (!has(4)) return 0;
+        const uint32_t v = get_be32(&buf_[pos_]);
+        pos_ += 4;
+        return v;
+    }
+    // The next n bytes (empty, and ok() false, when fewer remain).
+    constexpr std::span<const uint8_t> bytes(std::size_t n) {
+        if (!has(n)) return {};
+        const auto s = buf_.subspan(pos_, n);
+        pos_ += n;
+        return s;
+    }
+    // Everything not read yet.
+    constexpr std::span<const uint8_t> rest() {
+        const auto s = buf_.subspan(pos_);
+        pos_ = buf_.size();
+        return s;
+    }
+    constexpr void skip(std::size_t n) { (void)bytes(n); }
+
+    constexpr std::size_t remaining() const { return buf_.size() - pos_; }
+    constexpr std::size_t position() const { return pos_; }
+    constexpr bool ok() const { return ok_; }
+
+  private:
+    constexpr bool has(std::size_t n) {
+        if (n <= buf_.size() - pos_) return true;
+        ok_ = false;
+        pos_ = buf_.size();
+        return false;
+    }
+    std::span<const uint8_t> buf_;
+    std::size_t pos_ = 0;
+    bool ok_ = true;
+};
+
+}  // namespace corvel::proto
