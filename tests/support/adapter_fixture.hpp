@@ -1,0 +1,44 @@
+// A test on the virtual adapter, starting from a known state.
+//
+// The library's process-wide state (device list, lock, current board handle) is fresh in every
+// test because each test runs in a process of its own (CTest with gtest_discover_tests); running a
+// whole test binary in one process is not supported. This fixture resets the virtual adapter's
+// side, so that a test starts from the adapters it names and nothing else, whatever the test entry
+// point or an earlier set-up step left behind.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "wire.hpp"
+
+namespace corvel::test {
+
+// How a family opens an adapter, and what its open function returns on success.
+struct Opener {
+    std::function<int32_t(int32_t dev)> open;
+    int32_t ok = 0;
+};
+
+class VirtualAdapters : public testing::Test {
+  protected:
+    // One I2C-type adapter with the default serial, nothing opened.
+    void SetUp() override { reset({adapter("CV0000000001")}); }
+
+    // Puts `bus` on the virtual USB bus in a known state: a fresh, empty state directory (no EEPROM
+    // or user data from an earlier test), no pending faults, nothing waiting on the IN endpoints,
+    // capture and virtual clock on, an empty capture and the clock at zero.
+    static void reset(const std::vector<sim::AdapterSpec>& bus);
+
+    // Opens adapters 0 to n-1 with the family's open function; any failure fails the test.
+    static void open(const Opener& family, int32_t n = 1);
+
+    // Forgets what the set-up did: an empty capture and the clock at zero, so that what the test
+    // checks is what it does itself.
+    static void settle();
+};
+
+}  // namespace corvel::test
