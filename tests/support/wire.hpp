@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <ostream>
 #include <span>
@@ -61,14 +60,9 @@ struct Frame {
 };
 
 inline void PrintTo(const Frame& f, std::ostream* os) {
-    *os << "code " << f.code << ", packet " << int{f.packet} << ", size field " << f.size << ", " << f.header
-        << "-byte header, payload {";
-    char hex[4];
-    for (std::size_t i = 0; i < f.payload.size(); ++i) {
-        std::snprintf(hex, sizeof hex, "%02x", f.payload[i]);
-        *os << (i ? " " : "") << hex;
-    }
-    *os << "}";
+    *os << "code " << f.code << ", packet " << +f.packet << ", size field " << f.size << ", " << f.header
+        << "-byte header, payload" << std::hex;
+    for (uint8_t b : f.payload) *os << ' ' << +b;
 }
 
 inline Frame decode(std::span<const uint8_t> raw) {
