@@ -1,18 +1,20 @@
 // Board enumeration, open/close and the command channel, through the exported functions only.
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cerrno>
 
 #include "CorvelBoard.h"
-#include "wire.hpp"
+#include "adapter_fixture.hpp"
 
 namespace {
 
 using namespace corvel::test;
 namespace sim = corvel::sim;
 
-TEST(Enumeration, CountsMatchingDevicesOnly) {
+// Each test starts with one adapter on the bus and nothing enumerated or opened.
+class Enumeration : public VirtualAdapters {};
+class OpenClose : public VirtualAdapters {};
+
+TEST_F(Enumeration, CountsMatchingDevicesOnly) {
     auto foreign = adapter("F");
     foreign.product = 0x0667;
     const struct {
@@ -25,13 +27,12 @@ TEST(Enumeration, CountsMatchingDevicesOnly) {
         {{adapter("A"), adapter("A")}, 2},  // devices seen, even when their serials merge
     };
     for (const auto& c : cases) {
-        sim::configure(c.bus);
+        reset(c.bus);
         EXPECT_EQ(KD_EnumBoard(1), c.expected);
     }
 }
 
-TEST(Enumeration, NeedInitDecidesWhetherTheBusesAreReadAgain) {
-    sim::configure({adapter("A")});
+TEST_F(Enumeration, NeedInitDecidesWhetherTheBusesAreReadAgain) {
     EXPECT_EQ(KD_EnumBoard(0), 1);
     EXPECT_EQ(KD_EnumBoard(0), 1);
     EXPECT_EQ(count(Call::Init), 1u);
@@ -43,8 +44,8 @@ TEST(Enumeration, NeedInitDecidesWhetherTheBusesAreReadAgain) {
     EXPECT_EQ(count(Call::FindDevices), 3u);
 }
 
-TEST(Enumeration, NewAdapterAppearsAtTheNextScanWithANewIndex) {
-    sim::configure({adapter("A")});
+TEST_F(Enumeration, NewAdapterAppearsAtTheNextScanWithANewIndex) {
+    reset({adapter("A")});
     ASSERT_EQ(KD_EnumBoard(1), 1);
     EXPECT_EQ(KD_OpenBoard(1), -8);
     sim::configure({adapter("A"), adapter("B")});
@@ -54,8 +55,7 @@ TEST(Enumeration, NewAdapterAppearsAtTheNextScanWithANewIndex) {
     EXPECT_EQ(KD_OpenBoard(1), 0);
 }
 
-TEST(OpenClose, OpenEnumeratesFirstWhenNothingWasEnumerated) {
-    sim::configure({adapter("A")});
+TEST_F(OpenClose, OpenEnumeratesFirstWhenNothingWasEnumerated) {
     EXPECT_EQ(KD_OpenBoard(0), 0);
     const auto r = sim::records();
     ASSERT_GE(r.size(), 4u);
@@ -66,8 +66,8 @@ TEST(OpenClose, OpenEnumeratesFirstWhenNothingWasEnumerated) {
     EXPECT_EQ(count(Call::Reset), 1u);
 }
 
-TEST(OpenClose, UnknownIndicesAndDoubleCloses) {
-    sim::configure({adapter("A"), adapter("B")});
+TEST_F(OpenClose, UnknownIndicesAndDoubleCloses) {
+    reset({adapter("A"), adapter("B")});
     ASSERT_EQ(KD_EnumBoard(1), 2);
     EXPECT_EQ(KD_OpenBoard(5), -8);
     EXPECT_EQ(KD_CloseBoard(5), -9);
@@ -83,16 +83,15 @@ TEST(OpenClose, UnknownIndicesAndDoubleCloses) {
     EXPECT_EQ(KD_OpenBoard(2), -8);  // A came back as index 2, beyond the length bound of two nodes
 }
 
-TEST(OpenClose, AdapterWithoutSerialCannotBeOpened) {
+TEST_F(OpenClose, AdapterWithoutSerialCannotBeOpened) {
     auto anonymous = adapter("");
     anonymous.has_serial = false;
-    sim::configure({anonymous});
+    reset({anonymous});
     EXPECT_EQ(KD_EnumBoard(1), 1);
     EXPECT_EQ(KD_OpenBoard(0), -8);
 }
 
-TEST(OpenClose, UnpluggedAdapterCannotBeOpened) {
-    sim::configure({adapter("A")});
+TEST_F(OpenClose, UnpluggedAdapterCannotBeOpened) {
     ASSERT_EQ(KD_EnumBoard(1), 1);
     sim::unplug(0);
     EXPECT_EQ(KD_OpenBoard(0), -8);
@@ -100,13 +99,12 @@ TEST(OpenClose, UnpluggedAdapterCannotBeOpened) {
     EXPECT_EQ(KD_OpenBoard(0), 0);
 }
 
-class Command : public testing::Test {
+class Command : public VirtualAdapters {
   protected:
     void SetUp() override {
-        sim::configure({adapter("A")});
-        ASSERT_EQ(KD_OpenBoard(0), 0);
-        sim::clear_records();
-        sim::reset_clock();
+        VirtualAdapters::SetUp();
+        ASSERT_NO_FATAL_FAILURE(open({KD_OpenBoard}));
+        settle();
         answer.fill(0xEE);
     }
     std::array<uint8_t, 8> answer{};
@@ -132,7 +130,7 @@ TEST_F(Command, TheTenthReadIsTheLastAndItsSuccessReturnsEight) {
         int32_t expected;
     } cases[] = {{0, 0}, {1, 0}, {8, 0}, {9, 8}, {10, -5}};
     for (const auto& c : cases) {
-        sim::clear_records();
+        settle();
         sim::clear_in(0);
         sim::fail_next(Call::InterruptRead, c.failing_reads, -5);  // -5 ends each read at once
         EXPECT_EQ(KD_ExecuteCommand(KD_CMD_GET_CORVEL_VN, 0, 0, answer.data()), c.expected)
@@ -158,7 +156,7 @@ TEST_F(Command, UnwrittenRequestReturnsTwo) {
 
 TEST_F(Command, ShortAnswerIsNoAnswer) {
     sim::drop_next_answers(0, 1);
-    sim::inject_in(0, 0x81, {1, 2, 3});
+    inject_interrupt({1, 2, 3});
     // The 3-byte answer is read once, then nine more reads find nothing.
     EXPECT_EQ(KD_ExecuteCommand(KD_CMD_CAN_GET_DATA_FLAG, 0, 0, answer.data()), -ETIMEDOUT);
     EXPECT_EQ(answer[0], 1);

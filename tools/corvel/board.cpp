@@ -13,13 +13,11 @@
 #include "CorvelBoard.h"
 #include "adapters.hpp"
 #include "context.hpp"
+#include "corvel/protocol.hpp"
 #include "output.hpp"
 
 namespace corvel::cli {
 namespace {
-
-constexpr uint16_t kVendor = 0x0483;
-constexpr uint16_t kProduct = 0x0666;
 
 // Serial strings of the adapters on the USB buses, in bus order: empty for a device without one,
 // nothing when the device could not be opened. The library exports no serials, so they are read
@@ -28,7 +26,10 @@ std::vector<std::optional<std::string>> read_serials() {
     std::vector<std::optional<std::string>> serials;
     for (usb_bus* bus = usb_get_busses(); bus != nullptr; bus = bus->next) {
         for (struct usb_device* dev = bus->devices; dev != nullptr; dev = dev->next) {
-            if (dev->descriptor.idVendor != kVendor || dev->descriptor.idProduct != kProduct) continue;
+            if (dev->descriptor.idVendor != proto::kVendorId ||
+                dev->descriptor.idProduct != proto::kProductId) {
+                continue;
+            }
             if (dev->descriptor.iSerialNumber == 0) {
                 serials.emplace_back("");
                 continue;
@@ -38,7 +39,7 @@ std::vector<std::optional<std::string>> read_serials() {
                 serials.emplace_back(std::nullopt);
                 continue;
             }
-            std::array<char, 128> text{};
+            std::array<char, proto::kSerialStringSize> text{};
             int n = usb_get_string_simple(handle, dev->descriptor.iSerialNumber, text.data(), text.size());
             usb_close(handle);
             serials.emplace_back(n > 0 ? std::string(text.data()) : std::string());
@@ -65,7 +66,7 @@ int list_adapters() {
 
 int show_version(int32_t dev) {
     if (int32_t rc = KD_OpenBoard(dev); rc != 0) return fail(fmt::format("open adapter {}", dev), rc);
-    std::array<uint8_t, 8> answer{};
+    std::array<uint8_t, proto::kCommandSize> answer{};
     int32_t rc = KD_ExecuteCommand(KD_CMD_GET_CORVEL_VN, 0, dev, answer.data());
     int status = 0;
     if (rc != 0) {

@@ -14,6 +14,7 @@
 
 #include "ControlI2C.h"
 #include "context.hpp"
+#include "corvel/protocol.hpp"
 #include "i2c_adapter.hpp"
 #include "i2c_format.hpp"
 #include "numbers.hpp"
@@ -22,11 +23,11 @@
 namespace corvel::cli {
 namespace {
 
-constexpr int kMaxChannel = 20;
-constexpr uint32_t kMinClock = 1000;
-constexpr uint32_t kMaxClock = 5000000;
-constexpr int kMaxRegWidth = 4;
-constexpr uint16_t kMaxReadCount = 10233;  // what one read answer of the adapter holds
+constexpr int kMaxChannel = proto::i2c::kMaxChannel;
+constexpr uint32_t kMinClock = proto::i2c::kMinClockHz;
+constexpr uint32_t kMaxClock = proto::i2c::kMaxClockHz;
+constexpr int kMaxRegWidth = proto::i2c::kMaxSubAddrWidth;
+constexpr std::size_t kMaxReadCount = proto::kReceiveDataMax;  // what one read answer of the adapter holds
 constexpr std::size_t kMaxWriteCount = 65535;
 constexpr std::size_t kDumpSize = 256;
 constexpr uint16_t kDumpChunk = 32;
