@@ -45,7 +45,6 @@ class FrameAssembler {
 
     const Frame& frame() const { return frame_; }
     uint32_t rejected_code() const { return rejected_code_; }
-    std::size_t pending() const { return buffer_.size(); }
     void clear();
 
   private:
