@@ -9,8 +9,7 @@
 namespace corvel::sim::fw {
 namespace {
 
-constexpr std::size_t kSerialBytes = 12;
-constexpr std::size_t kNameBytes = 32;
+constexpr std::size_t kUserDataSize = proto::i2c::kUserDataSize;
 
 // Appends `text` as exactly `width` bytes: truncated, or zero-padded.
 void put_fixed(Bytes& out, const std::string& text, std::size_t width) {
@@ -23,73 +22,67 @@ class BoardEngine final : public Engine {
   public:
     explicit BoardEngine(Port& port) : port_(port), user_data_(port.nv(kUserDataFile, kUserDataSize, 0xFF)) {}
 
-    std::vector<uint32_t> message_codes() const override {
-        return {MSG_KD_REQUEST_PRODUCT_INFO, MSG_KD_WRITE_USER_DATA, MSG_KD_READ_USER_DATA};
+    std::span<const Route> routes() const override {
+        static constexpr Route kRoutes[] = {
+            route<&BoardEngine::product_info>(MSG_KD_REQUEST_PRODUCT_INFO),
+            route<&BoardEngine::write_user_data>(MSG_KD_WRITE_USER_DATA, Sizes::at_least(4),
+                                                 Refusal::with_status(MSG_MSG_EXECUT_ERROR)),
+            // A request too short to hold both numbers gets no answer at all.
+            route<&BoardEngine::read_user_data>(MSG_KD_READ_USER_DATA, Sizes::at_least(8), Refusal::none()),
+        };
+        return kRoutes;
     }
-    std::vector<uint32_t> commands() const override {
-        return {KD_CMD_GET_CORVEL_VN, KD_CMD_CAN_GET_DATA_FLAG};
-    }
-
-    void on_frame(const Frame& frame) override {
-        switch (frame.code) {
-            case MSG_KD_REQUEST_PRODUCT_INFO:
-                product_info();
-                break;
-            case MSG_KD_WRITE_USER_DATA:
-                write_user_data(frame.payload);
-                break;
-            case MSG_KD_READ_USER_DATA:
-                read_user_data(frame.payload);
-                break;
-            default:
-                break;
-        }
-    }
-
-    void on_command(uint32_t command, uint32_t) override {
-        Bytes out;
-        put_be32(out, command);
-        if (command == KD_CMD_GET_CORVEL_VN) {
-            out.insert(out.end(), kFirmwareVersion.begin(), kFirmwareVersion.end());
-        } else {
-            // Received CAN frames waiting: the board itself holds none.
-            put_be32(out, 0);
-        }
-        port_.command_answer(std::move(out));
+    std::span<const Route> commands() const override {
+        static constexpr Route kCommands[] = {
+            route<&BoardEngine::version>(KD_CMD_GET_CORVEL_VN),
+            route<&BoardEngine::can_frames_waiting>(KD_CMD_CAN_GET_DATA_FLAG),
+        };
+        return kCommands;
     }
 
   private:
     // Firmware version, hardware version, serial number (12 raw bytes), product name (32 bytes).
     void product_info() {
-        const Identity& id = port_.identity();
+        const AdapterSpec& id = port_.identity();
         Bytes payload(kFirmwareVersion.begin(), kFirmwareVersion.end());
         payload.insert(payload.end(), kHardwareVersion.begin(), kHardwareVersion.end());
-        put_fixed(payload, id.has_serial ? id.serial : std::string(), kSerialBytes);
-        put_fixed(payload, product_name(id.personality), kNameBytes);
+        put_fixed(payload, id.has_serial ? id.serial : std::string(), proto::kBoardSerialSize);
+        put_fixed(payload, product_name(id.personality), proto::kProductNameSize);
         port_.reply(MSG_KD_REQUEST_PRODUCT_INFO_FB, MSG_MSG_DATA_TRAN_OK, payload);
     }
 
     // Offset (4 bytes), then the data. What lies outside the area is not stored, and the write is
     // still acknowledged: the firmware does not report a partial store.
-    void write_user_data(const Bytes& payload) {
-        if (payload.size() < 4) {
-            port_.status(MSG_MSG_EXECUT_ERROR);
-            return;
-        }
-        const uint32_t offset = get_be32(payload.data());
-        user_data_.write(offset, std::span<const uint8_t>(payload).subspan(4));
+    void write_user_data(Request& r) {
+        const uint32_t offset = r.in.be32();
+        user_data_.write(offset, r.in.rest());
         port_.status(MSG_MSG_EXECUT_OK);
     }
 
     // Offset and count (4 bytes each); the answer is exactly `count` raw bytes, those past the end
-    // of the area erased (0xFF). The count is bounded by the size of the area. A count of 0, or a
-    // request too short to hold both numbers, gets no answer at all.
-    void read_user_data(const Bytes& payload) {
-        if (payload.size() < 8) return;
-        const uint32_t offset = get_be32(payload.data());
-        const std::size_t count = std::min<std::size_t>(get_be32(payload.data() + 4), kUserDataSize);
+    // of the area erased (0xFF). The count is bounded by the size of the area; a count of 0 gets
+    // no answer at all.
+    void read_user_data(Request& r) {
+        const uint32_t offset = r.in.be32();
+        const std::size_t count = std::min<std::size_t>(r.in.be32(), kUserDataSize);
         if (count == 0) return;
         port_.raw(user_data_.read(offset, count));
+    }
+
+    // The command and the firmware version.
+    void version(Request& r) {
+        Bytes out;
+        append_be32(out, r.code);
+        out.insert(out.end(), kFirmwareVersion.begin(), kFirmwareVersion.end());
+        port_.command_answer(std::move(out));
+    }
+
+    // The command and the count of received CAN frames waiting: the board itself holds none.
+    void can_frames_waiting(Request& r) {
+        Bytes out;
+        append_be32(out, r.code);
+        append_be32(out, 0);
+        port_.command_answer(std::move(out));
     }
 
     Port& port_;

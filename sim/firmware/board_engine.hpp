@@ -11,10 +11,9 @@
 
 namespace corvel::sim::fw {
 
-inline constexpr std::array<uint8_t, 4> kFirmwareVersion{2, 1, 0, 5};
-inline constexpr std::array<uint8_t, 4> kHardwareVersion{1, 0, 0, 0};
+inline constexpr std::array<uint8_t, proto::kFirmwareVersionSize> kFirmwareVersion{2, 1, 0, 5};
+inline constexpr std::array<uint8_t, proto::kHardwareVersionSize> kHardwareVersion{1, 0, 0, 0};
 
-inline constexpr std::size_t kUserDataSize = 2048;
 inline constexpr const char* kUserDataFile = "userdata.bin";
 
 std::unique_ptr<Engine> make_board_engine(Port& port);

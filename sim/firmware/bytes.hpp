@@ -1,30 +1,29 @@
-// Byte strings and the big-endian helpers of the adapter's wire format.
+// Byte strings of the firmware model, and appending big-endian fields to them (answers are built
+// this way; requests are read with corvel::proto::Reader).
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <vector>
 
+#include "corvel/protocol.hpp"
+
 namespace corvel::sim::fw {
 
 using Bytes = std::vector<uint8_t>;
 
-inline uint16_t get_be16(const uint8_t* p) {
-    return static_cast<uint16_t>((p[0] << 8) | p[1]);
+inline void append_be16(Bytes& out, uint32_t v) {
+    std::array<uint8_t, 2> field{};
+    proto::put_be16(field.data(), v);
+    out.insert(out.end(), field.begin(), field.end());
 }
 
-inline uint32_t get_be32(const uint8_t* p) {
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
-}
-
-inline void put_be16(Bytes& out, uint16_t v) {
-    out.push_back(static_cast<uint8_t>(v >> 8));
-    out.push_back(static_cast<uint8_t>(v));
-}
-
-inline void put_be32(Bytes& out, uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(v >> shift));
+inline void append_be32(Bytes& out, uint32_t v) {
+    std::array<uint8_t, 4> field{};
+    proto::put_be32(field.data(), v);
+    out.insert(out.end(), field.begin(), field.end());
 }
 
 // a + b, stopping at the largest value instead of wrapping (time-outs added to the clock).

@@ -8,13 +8,13 @@ namespace corvel::sim::fw {
 
 std::string product_name(int personality) {
     switch (personality) {
-        case 1:
+        case proto::kDevTypeI2c:
             return "Corvel I2C Adapter";
-        case 2:
+        case proto::kDevTypeSpi:
             return "Corvel SPI Adapter";
-        case 3:
+        case proto::kDevTypeCan1:
             return "Corvel CAN Adapter";
-        case 4:
+        case proto::kDevTypeCan2:
             return "Corvel Dual CAN Adapter";
         default:
             return "Corvel Adapter";
@@ -32,55 +32,96 @@ namespace {
 
 }  // namespace
 
-Firmware::Firmware(Identity identity, Clock& clock, std::string nv_folder)
+Firmware::Firmware(AdapterSpec identity, Clock& clock, std::string nv_folder)
     : identity_(std::move(identity)), clock_(clock), nv_folder_(std::move(nv_folder)) {
     if (!identity_.runs_model()) return;
     for (const EngineEntry& entry : engine_table()) {
         std::unique_ptr<Engine> engine = entry.make(*this);
         if (!engine) continue;
-        for (uint32_t code : engine->message_codes())
-            if (!by_code_.emplace(code, engine.get()).second) duplicate("message code", code);
-        for (uint32_t command : engine->commands())
-            if (!by_command_.emplace(command, engine.get()).second) duplicate("command", command);
+        add_routes(by_code_, *engine, engine->routes(), "message code");
+        add_routes(by_command_, *engine, engine->commands(), "command");
         engines_.push_back(std::move(engine));
     }
 }
 
 Firmware::~Firmware() = default;
 
+void Firmware::add_routes(std::map<uint32_t, Target>& table, Engine& engine, std::span<const Route> routes,
+                          const char* what) {
+    for (const Route& r : routes)
+        if (!table.emplace(r.code, Target{&engine, &r}).second) duplicate(what, r.code);
+}
+
 void Firmware::write(int endpoint, std::span<const uint8_t> bytes) {
-    if (engines_.empty() || bytes.empty()) return;
-    if (endpoint == kBulkOut) {
-        assembler_.feed(
-            bytes, [this](Frame&& frame) { on_frame(std::move(frame)); },
-            [this](uint32_t code) { unknown_.push_back(code); });
-    } else if (endpoint == kIntOut) {
+    if (engines_.empty()) return;
+    if (endpoint == proto::kEndpointBulkOut) {
+        switch (assembler_.feed(bytes)) {
+            case FrameAssembler::Result::Complete:
+                on_frame(assembler_.frame());
+                break;
+            case FrameAssembler::Result::Rejected:
+                unknown_.push_back(assembler_.rejected_code());
+                break;
+            case FrameAssembler::Result::Pending:
+                break;
+        }
+    } else if (endpoint == proto::kEndpointIntOut && !bytes.empty()) {
         on_command(bytes);
     }
 }
 
-void Firmware::on_frame(Frame&& frame) {
+void Firmware::on_frame(const Frame& frame) {
     auto it = by_code_.find(frame.code);
     if (it == by_code_.end()) {
         unknown_.push_back(frame.code);
         return;
     }
-    it->second->on_frame(frame);
+    const auto [engine, route] = it->second;
+    Request request{frame.code, frame.packet, proto::Reader(frame.payload)};
+    if (!route->sizes.accept(frame.payload.size())) {
+        refuse(*engine, *route, request);
+        return;
+    }
+    route->handle(*engine, request);
 }
 
+// The answer a route gives to a payload of a size it does not accept.
+void Firmware::refuse(Engine& engine, const Route& route, Request& request) {
+    const Refusal& r = route.refusal;
+    if (r.also != nullptr) r.also(engine, request);
+    switch (r.kind) {
+        case Refusal::Kind::None:
+            break;
+        case Refusal::Kind::Status:
+            status(r.status);
+            break;
+        case Refusal::Kind::Reply: {
+            const Bytes zeros(r.zeros, 0);
+            reply(r.code, r.status, zeros, /*pad_to_packet=*/false);
+            break;
+        }
+        case Refusal::Kind::Header:
+            raw(encode_reply(r.code, r.status, {}, /*pad_to_packet=*/false));
+            break;
+    }
+}
+
+// A command is the command code and a parameter, 4 bytes each.
 void Firmware::on_command(std::span<const uint8_t> bytes) {
-    const uint32_t command = bytes.size() >= 4 ? get_be32(bytes.data()) : 0;
+    proto::Reader in(bytes);
+    const uint32_t command = in.be32();
     auto it = by_command_.find(command);
-    if (bytes.size() != 8 || it == by_command_.end()) {
+    if (bytes.size() != proto::kCommandSize || it == by_command_.end()) {
         unknown_.push_back(command);
         return;
     }
-    it->second->on_command(command, get_be32(bytes.data() + 4));
+    Request request{command, 0, in};
+    it->second.route->handle(*it->second.engine, request);
 }
 
 std::deque<Firmware::Answer>* Firmware::queue(int endpoint) {
-    if (endpoint == kBulkIn) return &bulk_in_;
-    if (endpoint == kIntIn) return &int_in_;
+    if (endpoint == proto::kEndpointBulkIn) return &bulk_in_;
+    if (endpoint == proto::kEndpointIntIn) return &int_in_;
     return nullptr;
 }
 
@@ -135,19 +176,19 @@ void Firmware::answer(int endpoint, Bytes bytes, std::optional<std::size_t> stat
 }
 
 void Firmware::status(uint8_t state) {
-    answer(kBulkIn, Bytes{state}, 0);
+    answer(proto::kEndpointBulkIn, Bytes{state}, 0);
 }
 
 void Firmware::reply(uint32_t code, uint8_t state, std::span<const uint8_t> payload, bool pad_to_packet) {
-    answer(kBulkIn, encode_reply(code, state, payload, pad_to_packet), 4);
+    answer(proto::kEndpointBulkIn, encode_reply(code, state, payload, pad_to_packet), 4);
 }
 
 void Firmware::raw(Bytes bytes) {
-    answer(kBulkIn, std::move(bytes), std::nullopt);
+    answer(proto::kEndpointBulkIn, std::move(bytes), std::nullopt);
 }
 
 void Firmware::command_answer(Bytes bytes) {
-    answer(kIntIn, std::move(bytes), std::nullopt);
+    answer(proto::kEndpointIntIn, std::move(bytes), std::nullopt);
 }
 
 void Firmware::schedule_in(uint64_t delay_us, std::function<void()> fn) {

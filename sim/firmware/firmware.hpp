@@ -1,10 +1,11 @@
 // The firmware model of one adapter.
 //
 // The front door (the drop-in libusb, later an emulated usbfs node) hands it OUT transfers and
-// takes IN data from its queues; it knows nothing of libusb. Frames arriving on bulk OUT 0x02 are
-// reassembled and dispatched by message code to the engine that registered the code; 8-byte
-// requests on interrupt OUT 0x01 go by command code. A frame or command nobody registered is
-// consumed without answer and noted in unknown_messages().
+// takes IN data from its queues; it knows nothing of libusb. Each bulk OUT transfer on 0x02 is one
+// frame (see frame.hpp), dispatched by message code along the route the engines' tables give for
+// it; 8-byte requests on interrupt OUT 0x01 go by command. A frame or command nobody routes, a
+// command of another length and a transfer that is no well-formed frame are consumed without
+// answer and noted in unknown_messages().
 //
 // Each IN endpoint has a queue of answers. A read takes at most the bytes asked for from the front
 // answer; what it leaves of that answer stays at the front for the next read.
@@ -32,18 +33,18 @@ class Firmware final : private Port {
   public:
     // `nv_folder`: where the adapter's non-volatile files live ("" keeps them in memory). A device
     // whose ids are not the adapter's gets no engines: it swallows what is written to it.
-    Firmware(Identity identity, Clock& clock, std::string nv_folder);
+    Firmware(AdapterSpec identity, Clock& clock, std::string nv_folder);
     ~Firmware();
     Firmware(const Firmware&) = delete;
     Firmware& operator=(const Firmware&) = delete;
 
-    const Identity& identity() const override { return identity_; }
+    const AdapterSpec& identity() const override { return identity_; }
 
     // ---- Front door
     void write(int endpoint, std::span<const uint8_t> bytes);
     // Up to `max` bytes of the front answer on an IN endpoint; nothing when no answer waits.
     std::optional<Bytes> read(int endpoint, std::size_t max);
-    // A USB reset: drops the IN queues and any partly received frame; engine state is kept.
+    // A USB reset: drops the IN queues and any partly received transfer; engine state is kept.
     void reset();
     // Queues `answer` on an IN endpoint as if the firmware had sent it (no answer faults apply).
     void inject(int endpoint, Bytes answer);
@@ -91,18 +92,26 @@ class Firmware final : private Port {
     // Applies the answer faults and queues. `status_at`: index of the status byte, if any.
     void answer(int endpoint, Bytes bytes, std::optional<std::size_t> status_at);
     std::deque<Answer>* queue(int endpoint);
-    void on_frame(Frame&& frame);
+    // The engine and route for a code, or null.
+    struct Target {
+        Engine* engine;
+        const Route* route;
+    };
+    static void add_routes(std::map<uint32_t, Target>& table, Engine& engine, std::span<const Route> routes,
+                           const char* what);
+    void on_frame(const Frame& frame);
     void on_command(std::span<const uint8_t> bytes);
+    void refuse(Engine& engine, const Route& route, Request& request);
     std::string nv_path(const std::string& name) const;
 
-    Identity identity_;
+    AdapterSpec identity_;
     Clock& clock_;
     std::string nv_folder_;
     std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);  // seen by scheduled events
 
     std::vector<std::unique_ptr<Engine>> engines_;
-    std::map<uint32_t, Engine*> by_code_;
-    std::map<uint32_t, Engine*> by_command_;
+    std::map<uint32_t, Target> by_code_;
+    std::map<uint32_t, Target> by_command_;
     std::vector<std::pair<std::string, std::unique_ptr<NvStore>>> nv_;
 
     FrameAssembler assembler_;

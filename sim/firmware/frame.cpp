@@ -4,41 +4,52 @@
 
 namespace corvel::sim::fw {
 
-void FrameAssembler::feed(std::span<const uint8_t> bytes, const FrameFn& on_frame,
-                          const RejectFn& on_reject) {
-    buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-    std::size_t start = 0;
-    while (buffer_.size() - start >= 4) {
-        const uint8_t* p = buffer_.data() + start;
-        const uint32_t code = get_be32(p);
-        const std::size_t header = request_header_size(code);
-        if (buffer_.size() - start < header) break;
-        const uint64_t length = header == 9 ? get_be32(p + 5) : get_be16(p + 5);
-        if (header + length > kMaxFrame) {
-            buffer_.clear();
-            on_reject(code);
-            return;
-        }
-        const std::size_t total = header + static_cast<std::size_t>(length);
-        if (buffer_.size() - start < total) break;
-        Frame frame;
-        frame.code = code;
-        frame.packet = p[4];
-        frame.payload.assign(p + header, p + total);
-        start += total;
-        on_frame(std::move(frame));
+FrameAssembler::Result FrameAssembler::feed(std::span<const uint8_t> bytes) {
+    if (complete_) clear();
+    if (bytes.empty()) return buffer_.empty() && !overflow_ ? Result::Pending : finish();
+    // No host frame is longer than its send buffer: the rest of such a transfer is not kept.
+    const std::size_t room = proto::kSendBufferSize - buffer_.size();
+    if (bytes.size() > room) overflow_ = true;
+    const auto kept = bytes.first(std::min(bytes.size(), room));
+    buffer_.insert(buffer_.end(), kept.begin(), kept.end());
+    return bytes.size() % proto::kUsbPacketSize != 0 ? finish() : Result::Pending;
+}
+
+FrameAssembler::Result FrameAssembler::finish() {
+    proto::Reader in(buffer_);
+    const uint32_t code = in.be32();
+    const uint8_t packet = in.u8();
+    const std::size_t header = proto::request_header_size(code);
+    const uint32_t size = header == proto::kLongHeaderSize ? in.be32() : in.be16();
+    // The size field must agree with the transfer's length, modulo the field's range.
+    const std::size_t length = buffer_.size();
+    const uint32_t expected = header == proto::kLongHeaderSize ? static_cast<uint32_t>(length - header)
+                                                               : static_cast<uint16_t>(length - header);
+    if (overflow_ || !in.ok() || size != expected) {
+        rejected_code_ = code;
+        clear();
+        return Result::Rejected;
     }
-    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start));
+    frame_ = Frame{code, packet, in.rest()};
+    complete_ = true;
+    return Result::Complete;
+}
+
+void FrameAssembler::clear() {
+    buffer_.clear();
+    overflow_ = false;
+    complete_ = false;
+    frame_ = Frame{};
 }
 
 Bytes encode_reply(uint32_t code, uint8_t status, std::span<const uint8_t> payload, bool pad_to_packet) {
     Bytes out;
-    out.reserve(std::max(kPacket, kReplyHeader + payload.size()));
-    put_be32(out, code);
+    out.reserve(std::max(proto::kPacketSize, proto::kReplyHeaderSize + payload.size()));
+    append_be32(out, code);
     out.push_back(status);
-    put_be16(out, static_cast<uint16_t>(std::min<std::size_t>(payload.size(), 0xFFFF)));
+    append_be16(out, static_cast<uint16_t>(std::min<std::size_t>(payload.size(), 0xFFFF)));
     out.insert(out.end(), payload.begin(), payload.end());
-    if (pad_to_packet && out.size() < kPacket) out.resize(kPacket, 0);
+    if (pad_to_packet && out.size() < proto::kPacketSize) out.resize(proto::kPacketSize, 0);
     return out;
 }
 

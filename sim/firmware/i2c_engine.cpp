@@ -6,13 +6,12 @@
 #include <utility>
 
 #include "CorvelMsg.h"
+#include "firmware/frame.hpp"
 #include "targets/eeprom.hpp"
 #include "targets/temp_sensor.hpp"
 
 namespace corvel::sim::fw {
 namespace {
-
-constexpr int kI2cPersonality = 1;
 
 // Request sizes: exact, or the fixed part before the data to write.
 constexpr std::size_t kConfigSize = 12;
@@ -23,8 +22,10 @@ constexpr std::size_t kWriteReadHeader = 15;
 constexpr std::size_t kEventReadSize = 17;
 constexpr std::size_t kEventWriteHeader = 15;
 constexpr std::size_t kEventClearSize = 3;
+constexpr std::size_t kChannelOnly = 1;  // the slave requests: the channel, then any data
+constexpr std::size_t kRemainCountSize = 2;
 
-constexpr uint8_t kMaxSubAddrWidth = 4;
+constexpr uint8_t kMaxSubAddrWidth = proto::i2c::kMaxSubAddrWidth;
 constexpr uint16_t kMax7BitAddress = 0x7F;
 constexpr uint16_t kMax10BitAddress = 0x3FF;
 constexpr uint16_t kPinsInClearMask = 16;
@@ -110,61 +111,35 @@ I2cEngine::I2cEngine(Port& port) : port_(port) {
 
 I2cEngine::~I2cEngine() = default;
 
-std::vector<uint32_t> I2cEngine::message_codes() const {
-    return {MSG_KD_REQUEST_SET_IIC_INFORMATION,
-            MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION,
-            MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN,
-            MSG_KD_REQUEST_IIC_DATAS_READ,
-            MSG_KD_REQUEST_IIC_ADDR_DATAS_REC,
-            MSG_KD_SLAVE_WRITE,
-            MSG_KD_SLAVE_READ,
-            MSG_KD_SLAVE_WRITE_REMAIN,
-            MSG_KD_REQUEST_WRITE_READ,
-            MSG_KD_EVENT_READ,
-            MSG_KD_EVENT_WRITE,
-            MSG_KD_EVENT_CLEAR};
-}
-
-void I2cEngine::on_frame(const Frame& frame) {
-    const Bytes& p = frame.payload;
-    switch (frame.code) {
-        case MSG_KD_REQUEST_SET_IIC_INFORMATION:
-            set_config(p);
-            break;
-        case MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION:
-            set_timing(p);
-            break;
-        case MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN:
-            write(p);
-            break;
-        case MSG_KD_REQUEST_IIC_DATAS_READ:
-            read(p);
-            break;
-        case MSG_KD_REQUEST_WRITE_READ:
-            write_read(p);
-            break;
-        case MSG_KD_REQUEST_IIC_ADDR_DATAS_REC:
-            fetch();
-            break;
-        case MSG_KD_SLAVE_WRITE:
-            slave_load(p);
-            break;
-        case MSG_KD_SLAVE_READ:
-            slave_collect(p);
-            break;
-        case MSG_KD_SLAVE_WRITE_REMAIN:
-            slave_remaining(p);
-            break;
-        case MSG_KD_EVENT_READ:
-        case MSG_KD_EVENT_WRITE:
-            event_transfer(frame);
-            break;
-        case MSG_KD_EVENT_CLEAR:
-            event_clear(p);
-            break;
-        default:
-            break;
-    }
+std::span<const Route> I2cEngine::routes() const {
+    // A refused read also drops the pending read data, as a failed one does.
+    static constexpr Refusal kReadRefused =
+        Refusal::with_status(MSG_I2C_READ_DATA_ERROR).also_run(handler<&I2cEngine::drop_read_data>());
+    static constexpr Refusal kWriteRefused = Refusal::with_status(MSG_I2C_WRITE_DATA_ERROR);
+    static constexpr Refusal kSetupRefused = Refusal::with_status(MSG_I2C_NINT_ERROR);
+    static constexpr Route kRoutes[] = {
+        route<&I2cEngine::set_config>(MSG_KD_REQUEST_SET_IIC_INFORMATION, Sizes::exactly(kConfigSize),
+                                      kSetupRefused),
+        route<&I2cEngine::set_timing>(MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION,
+                                      Sizes::exactly(kTimingSize), kSetupRefused),
+        route<&I2cEngine::write>(MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN, Sizes::at_least(kWriteHeader),
+                                 kWriteRefused),
+        route<&I2cEngine::read>(MSG_KD_REQUEST_IIC_DATAS_READ, Sizes::exactly(kReadSize), kReadRefused),
+        route<&I2cEngine::fetch>(MSG_KD_REQUEST_IIC_ADDR_DATAS_REC),
+        route<&I2cEngine::slave_load>(MSG_KD_SLAVE_WRITE, Sizes::at_least(kChannelOnly), kWriteRefused),
+        route<&I2cEngine::slave_collect>(MSG_KD_SLAVE_READ, Sizes::at_least(kChannelOnly),
+                                         Refusal::header(MSG_KD_SLAVE_READ_FB, MSG_I2C_READ_DATA_ERROR)),
+        route<&I2cEngine::slave_remaining>(
+            MSG_KD_SLAVE_WRITE_REMAIN, Sizes::at_least(kChannelOnly),
+            Refusal::reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_ERROR, kRemainCountSize)),
+        route<&I2cEngine::write_read>(MSG_KD_REQUEST_WRITE_READ, Sizes::at_least(kWriteReadHeader),
+                                      kReadRefused),
+        route<&I2cEngine::event_transfer>(MSG_KD_EVENT_READ, Sizes::exactly(kEventReadSize), kReadRefused),
+        route<&I2cEngine::event_transfer>(MSG_KD_EVENT_WRITE, Sizes::at_least(kEventWriteHeader),
+                                          kWriteRefused),
+        route<&I2cEngine::event_clear>(MSG_KD_EVENT_CLEAR, Sizes::exactly(kEventClearSize), kWriteRefused),
+    };
+    return kRoutes;
 }
 
 // ---- Channels
@@ -190,14 +165,24 @@ const I2cConfig* I2cEngine::config(int index) const {
 // ControlMode, ClockSpeed (4), a byte the host derives from the sub-address width (unused here),
 // SubAddrWidth, AddrType, channel, own address (2), MasterMode. A new configuration starts the
 // channel's slave buffers afresh; its parts stay.
-void I2cEngine::set_config(const Bytes& p) {
-    if (p.size() != kConfigSize || p[8] >= kI2cChannels || p[6] > kMaxSubAddrWidth ||
-        (p[7] != 7 && p[7] != 10)) {
+void I2cEngine::set_config(Request& r) {
+    I2cConfig c{};
+    c.initialised = true;
+    c.control_mode = r.in.u8();
+    c.clock_hz = r.in.be32();
+    r.in.skip(1);
+    c.sub_addr_width = r.in.u8();
+    c.addr_type = r.in.u8();
+    const uint8_t index = r.in.u8();
+    c.own_addr = r.in.be16();
+    c.master_mode = r.in.u8();
+    if (index >= kI2cChannels || c.sub_addr_width > kMaxSubAddrWidth ||
+        (c.addr_type != 7 && c.addr_type != 10)) {
         port_.status(MSG_I2C_NINT_ERROR);
         return;
     }
-    Channel& ch = channels_[p[8]];
-    ch.config = I2cConfig{true, p[0], get_be32(p.data() + 1), p[6], p[7], get_be16(p.data() + 9), p[11]};
+    Channel& ch = channels_[index];
+    ch.config = c;
     ch.slave_out.clear();
     ch.slave_out_taken = 0;
     ch.slave_in.clear();
@@ -205,13 +190,9 @@ void I2cEngine::set_config(const Bytes& p) {
 }
 
 // Seven 16-bit values; the bus itself is modelled without timing, so they are only kept.
-void I2cEngine::set_timing(const Bytes& p) {
-    if (p.size() != kTimingSize) {
-        port_.status(MSG_I2C_NINT_ERROR);
-        return;
-    }
+void I2cEngine::set_timing(Request& r) {
     std::array<uint16_t, kI2cTimingValues> values{};
-    for (std::size_t i = 0; i < values.size(); ++i) values[i] = get_be16(p.data() + 2 * i);
+    for (uint16_t& v : values) v = r.in.be16();
     timing_ = values;
     port_.status(MSG_I2C_NINT_OK);
 }
@@ -254,46 +235,45 @@ uint8_t I2cEngine::run_write(const Transfer& t, std::span<const uint8_t> data) {
 // ---- Master transfers
 
 // Address (2), sub-address (4), channel, then the data.
-void I2cEngine::write(const Bytes& p) {
-    if (p.size() < kWriteHeader) {
-        port_.status(MSG_I2C_WRITE_DATA_ERROR);
-        return;
-    }
-    const Transfer t{get_be16(p.data()), get_be32(p.data() + 2), p[6], 0};
-    port_.status(run_write(t, std::span<const uint8_t>(p).subspan(kWriteHeader)));
+void I2cEngine::write(Request& r) {
+    Transfer t;
+    t.addr = r.in.be16();
+    t.sub_addr = r.in.be32();
+    t.channel = r.in.u8();
+    port_.status(run_write(t, r.in.rest()));
 }
 
 // Address (2), sub-address (4), channel, length (2).
-void I2cEngine::read(const Bytes& p) {
-    if (p.size() != kReadSize) {
-        read_data_.clear();
-        port_.status(MSG_I2C_READ_DATA_ERROR);
-        return;
-    }
-    port_.status(
-        run_read(Transfer{get_be16(p.data()), get_be32(p.data() + 2), p[6], get_be16(p.data() + 7)}));
+void I2cEngine::read(Request& r) {
+    Transfer t;
+    t.addr = r.in.be16();
+    t.sub_addr = r.in.be32();
+    t.channel = r.in.u8();
+    t.read_len = r.in.be16();
+    port_.status(run_read(t));
 }
 
 // Address (2), write sub-address (4), channel, read sub-address (4), interval (2), read length (2),
 // then the data to write. The write goes first as a transaction of its own (none at all when there
 // is neither a sub-address nor data); the interval needs no modelling, since nothing on the bus
 // changes during it; then the read follows as a plain read.
-void I2cEngine::write_read(const Bytes& p) {
-    Channel* ch = p.size() >= kWriteReadHeader ? master(p[6]) : nullptr;
-    if (ch == nullptr) {
-        read_data_.clear();
+void I2cEngine::write_read(Request& r) {
+    Transfer t;
+    t.addr = r.in.be16();
+    const uint32_t write_sub_addr = r.in.be32();
+    t.channel = r.in.u8();
+    t.sub_addr = r.in.be32();
+    r.in.skip(2);  // interval
+    t.read_len = r.in.be16();
+    const auto data = r.in.rest();
+    Channel* ch = master(t.channel);
+    if (ch == nullptr ||
+        ((ch->config.sub_addr_width > 0 || !data.empty()) && !bus_write(*ch, t.addr, write_sub_addr, data))) {
+        drop_read_data();
         port_.status(MSG_I2C_READ_DATA_ERROR);
         return;
     }
-    const uint16_t addr = get_be16(p.data());
-    const auto data = std::span<const uint8_t>(p).subspan(kWriteReadHeader);
-    if ((ch->config.sub_addr_width > 0 || !data.empty()) &&
-        !bus_write(*ch, addr, get_be32(p.data() + 2), data)) {
-        read_data_.clear();
-        port_.status(MSG_I2C_READ_DATA_ERROR);
-        return;
-    }
-    port_.status(run_read(Transfer{addr, get_be32(p.data() + 7), p[6], get_be16(p.data() + 13)}));
+    port_.status(run_read(t));
 }
 
 // The pending read data, once: a header and the bytes, or the header alone saying "no data".
@@ -309,24 +289,24 @@ void I2cEngine::fetch() {
 // ---- Slave mode
 
 // Channel, then the bytes to offer the external master: they replace whatever was loaded before.
-void I2cEngine::slave_load(const Bytes& p) {
-    Channel* ch = p.empty() ? nullptr : slave(p[0]);
+void I2cEngine::slave_load(Request& r) {
+    Channel* ch = slave(r.in.u8());
     if (ch == nullptr) {
         port_.status(MSG_I2C_WRITE_DATA_ERROR);
         return;
     }
-    ch->slave_out.assign(p.begin() + 1, p.end());
+    const auto data = r.in.rest();
+    ch->slave_out.assign(data.begin(), data.end());
     ch->slave_out_taken = 0;
     port_.status(MSG_I2C_WRITE_DATA_OK);
 }
 
 // Channel. What the external master wrote since the last collect, behind a header; the header
 // alone when it wrote nothing (any channel number gets an answer).
-void I2cEngine::slave_collect(const Bytes& p) {
-    Channel* ch = p.empty() ? nullptr : channel(p[0]);
+void I2cEngine::slave_collect(Request& r) {
+    Channel* ch = channel(r.in.u8());
     if (ch == nullptr || ch->slave_in.empty()) {
-        const uint8_t state = p.empty() ? MSG_I2C_READ_DATA_ERROR : MSG_I2C_NO_DATA;
-        port_.raw(data_answer(MSG_KD_SLAVE_READ_FB, state, {}));
+        port_.raw(data_answer(MSG_KD_SLAVE_READ_FB, MSG_I2C_NO_DATA, {}));
         return;
     }
     const std::size_t n = std::min(ch->slave_in.size(), kSlaveCollectMax);
@@ -336,17 +316,21 @@ void I2cEngine::slave_collect(const Bytes& p) {
 }
 
 // Channel. The count of loaded bytes the external master has not read yet, as a 9-byte reply.
-void I2cEngine::slave_remaining(const Bytes& p) {
-    Channel* ch = p.empty() ? nullptr : channel(p[0]);
-    Bytes count;
+void I2cEngine::slave_remaining(Request& r) {
+    Channel* ch = channel(r.in.u8());
     if (ch == nullptr) {
-        put_be16(count, 0);
-        port_.reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_ERROR, count, /*pad_to_packet=*/false);
+        no_remaining();
         return;
     }
     const std::size_t remain = ch->slave_out.size() - ch->slave_out_taken;
-    put_be16(count, static_cast<uint16_t>(std::min<std::size_t>(remain, 0xFFFF)));
+    Bytes count;
+    append_be16(count, static_cast<uint16_t>(std::min<std::size_t>(remain, 0xFFFF)));
     port_.reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_OK, count, /*pad_to_packet=*/false);
+}
+
+void I2cEngine::no_remaining() {
+    const std::array<uint8_t, kRemainCountSize> zero{};
+    port_.reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, MSG_MSG_DATA_TRAN_ERROR, zero, /*pad_to_packet=*/false);
 }
 
 bool I2cEngine::external_write(int index, std::span<const uint8_t> bytes) {
@@ -370,24 +354,24 @@ Bytes I2cEngine::external_read(int index, std::size_t n) {
 // Read: address (2), sub-address (4), channel, length (2), pin (2), type (2), time-out in ms (4).
 // Write: address, sub-address, channel, pin, type, time-out, then the data. A well-formed request
 // gets no answer now: it waits for its event, and is dropped silently when the time-out passes
-// first. A malformed one is refused at once with the operation's error status.
-void I2cEngine::event_transfer(const Frame& frame) {
-    const Bytes& p = frame.payload;
+// first. One naming a channel above 20 is refused at once with the operation's error status.
+void I2cEngine::event_transfer(Request& r) {
     EventTransfer e;
-    e.read = frame.code == MSG_KD_EVENT_READ;
-    const bool well_formed = e.read ? p.size() == kEventReadSize : p.size() >= kEventWriteHeader;
-    if (!well_formed || p[6] >= kI2cChannels) {
-        if (e.read) read_data_.clear();
+    e.read = r.code == MSG_KD_EVENT_READ;
+    e.transfer.addr = r.in.be16();
+    e.transfer.sub_addr = r.in.be32();
+    e.transfer.channel = r.in.u8();
+    if (e.read) e.transfer.read_len = r.in.be16();
+    e.pin = r.in.be16();
+    e.type = r.in.be16();
+    const uint32_t timeout_ms = r.in.be32();
+    if (e.transfer.channel >= kI2cChannels) {
+        if (e.read) drop_read_data();
         port_.status(e.read ? MSG_I2C_READ_DATA_ERROR : MSG_I2C_WRITE_DATA_ERROR);
         return;
     }
-    e.transfer = Transfer{get_be16(p.data()), get_be32(p.data() + 2), p[6], 0};
-    const std::size_t events_at = e.read ? 9 : 7;
-    if (e.read) e.transfer.read_len = get_be16(p.data() + 7);
-    e.pin = get_be16(p.data() + events_at);
-    e.type = get_be16(p.data() + events_at + 2);
-    const uint32_t timeout_ms = get_be32(p.data() + events_at + 4);
-    if (!e.read) e.data.assign(p.begin() + static_cast<std::ptrdiff_t>(kEventWriteHeader), p.end());
+    const auto data = r.in.rest();
+    e.data.assign(data.begin(), data.end());
     e.id = next_event_id_++;
     const uint64_t id = e.id;
     waiting_.push_back(std::move(e));
@@ -411,13 +395,9 @@ void I2cEngine::raise_pin_event(uint16_t pin, uint16_t type) {
 }
 
 // Channel, then a mask of pins (bit n: pin n). Drops the channel's waiting transfers on those pins.
-void I2cEngine::event_clear(const Bytes& p) {
-    if (p.size() != kEventClearSize) {
-        port_.status(MSG_I2C_WRITE_DATA_ERROR);
-        return;
-    }
-    const uint8_t index = p[0];
-    const uint16_t mask = get_be16(p.data() + 1);
+void I2cEngine::event_clear(Request& r) {
+    const uint8_t index = r.in.u8();
+    const uint16_t mask = r.in.be16();
     std::erase_if(waiting_, [&](const EventTransfer& e) {
         return e.transfer.channel == index && e.pin < kPinsInClearMask && ((mask >> e.pin) & 1) != 0;
     });
@@ -460,7 +440,7 @@ void I2cEngine::attach_defaults() {
 }
 
 std::unique_ptr<Engine> make_i2c_engine(Port& port) {
-    if (port.identity().personality != kI2cPersonality) return nullptr;
+    if (port.identity().personality != proto::kDevTypeI2c) return nullptr;
     return std::make_unique<I2cEngine>(port);
 }
 

@@ -31,11 +31,11 @@
 
 namespace corvel::sim::fw {
 
-inline constexpr int kI2cChannels = 21;
-inline constexpr std::size_t kI2cTimingValues = 7;
+inline constexpr int kI2cChannels = proto::i2c::kChannels;
+inline constexpr std::size_t kI2cTimingValues = proto::i2c::kTimingValues;
 // Most bytes one slave collect answer carries: what fits the host's 10240-byte receive buffer
 // behind the header. What the external master wrote beyond it waits for the next collect.
-inline constexpr std::size_t kSlaveCollectMax = 10233;
+inline constexpr std::size_t kSlaveCollectMax = proto::kReceiveDataMax;
 
 // A channel as the last MSG_KD_REQUEST_SET_IIC_INFORMATION left it: the record the control API
 // reports.
@@ -53,8 +53,7 @@ class I2cEngine final : public Engine {
     explicit I2cEngine(Port& port);
     ~I2cEngine() override;
 
-    std::vector<uint32_t> message_codes() const override;
-    void on_frame(const Frame& frame) override;
+    std::span<const Route> routes() const override;
 
     // ---- For the control API. Channels outside 0..20 have nothing: null, false, empty.
     const I2cConfig* config(int channel) const;
@@ -118,17 +117,22 @@ class I2cEngine final : public Engine {
     uint8_t run_read(const Transfer& t);
     uint8_t run_write(const Transfer& t, std::span<const uint8_t> data);
 
-    void set_config(const Bytes& p);
-    void set_timing(const Bytes& p);
-    void write(const Bytes& p);
-    void read(const Bytes& p);
-    void write_read(const Bytes& p);
+    // Route handlers.
+    void set_config(Request& r);
+    void set_timing(Request& r);
+    void write(Request& r);
+    void read(Request& r);
+    void write_read(Request& r);
     void fetch();
-    void slave_load(const Bytes& p);
-    void slave_collect(const Bytes& p);
-    void slave_remaining(const Bytes& p);
-    void event_transfer(const Frame& frame);
-    void event_clear(const Bytes& p);
+    void slave_load(Request& r);
+    void slave_collect(Request& r);
+    void slave_remaining(Request& r);
+    void event_transfer(Request& r);
+    void event_clear(Request& r);
+    // A refused or failed read leaves no pending read data.
+    void drop_read_data() { read_data_.clear(); }
+    // The answer to a remaining-bytes request that names no channel.
+    void no_remaining();
 
     Port& port_;
     std::array<Channel, kI2cChannels> channels_;

@@ -13,9 +13,8 @@ bool Eeprom::write(uint8_t byte) {
         expect_address_ = false;
         return true;
     }
-    Bytes& bytes = memory_.mutable_bytes();
-    if (pointer_ < bytes.size()) {
-        bytes[pointer_] = byte;
+    if (auto cell = memory_.edit(pointer_, 1); !cell.empty()) {
+        cell[0] = byte;
         dirty_ = true;
     }
     const uint8_t page_start = static_cast<uint8_t>(pointer_ & ~(kPage - 1));

@@ -1,39 +1,24 @@
 // The control API of the virtual adapter (corvel/sim.hpp).
-#include <mutex>
-
 #include "corvel/sim.hpp"
 #include "firmware/board_engine.hpp"
 #include "simulator.hpp"
 
 namespace corvel::sim {
-namespace {
-
-using Lock = std::lock_guard<std::recursive_mutex>;
-
-}  // namespace
 
 void configure(const std::vector<AdapterSpec>& adapters) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.configure(adapters);
+    with_sim([&](Simulator& s) { s.configure(adapters); });
 }
 
 std::vector<AdapterSpec> adapters() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    return s.adapters();
+    return with_sim([&](Simulator& s) { return s.adapters(); });
 }
 
 void set_state_dir(const std::string& dir) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.set_state_dir(dir);
+    with_sim([&](Simulator& s) { s.set_state_dir(dir); });
 }
 
 std::string state_dir() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    return s.state_dir();
+    return with_sim([&](Simulator& s) { return s.state_dir(); });
 }
 
 const char* call_name(Call call) {
@@ -73,27 +58,19 @@ const char* call_name(Call call) {
 }
 
 void capture(bool on) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.capturing = on;
+    with_sim([&](Simulator& s) { s.capturing = on; });
 }
 
 std::vector<Record> records() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    return s.records;
+    return with_sim([&](Simulator& s) { return s.records; });
 }
 
 void clear_records() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.records.clear();
+    with_sim([&](Simulator& s) { s.records.clear(); });
 }
 
 void fail_next(Call call, int count, int code) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.fail_next(call, count, code);
+    with_sim([&](Simulator& s) { s.fail_next(call, count, code); });
 }
 
 void short_read_next(int adapter, std::size_t bytes) {
@@ -109,15 +86,15 @@ void override_next_status(int adapter, uint8_t status) {
 }
 
 void unplug(int adapter) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    if (Adapter* a = s.adapter(adapter)) a->plugged = false;
+    with_sim([&](Simulator& s) {
+        if (Adapter* a = s.adapter(adapter)) a->plugged = false;
+    });
 }
 
 void replug(int adapter) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    if (Adapter* a = s.adapter(adapter)) a->plugged = true;
+    with_sim([&](Simulator& s) {
+        if (Adapter* a = s.adapter(adapter)) a->plugged = true;
+    });
 }
 
 void inject_in(int adapter, int endpoint, std::vector<uint8_t> bytes) {
@@ -129,16 +106,14 @@ void clear_in(int adapter) {
 }
 
 std::vector<uint32_t> unknown_messages(int adapter) {
-    std::vector<uint32_t> out;
-    with_firmware(adapter, [&](fw::Firmware& f) { out = f.unknown_messages(); });
-    return out;
+    return with_firmware(adapter, [](fw::Firmware& f) { return f.unknown_messages(); });
 }
 
 void clear_faults() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.clear_failures();
-    for (int i = 0; fw::Firmware* f = s.firmware(i); ++i) f->clear_faults();
+    with_sim([&](Simulator& s) {
+        s.clear_failures();
+        for (int i = 0; fw::Firmware* f = s.firmware(i); ++i) f->clear_faults();
+    });
 }
 
 void virtual_clock(bool on) {
@@ -150,35 +125,26 @@ bool virtual_clock_enabled() {
 }
 
 uint64_t now_us() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    return s.clock.now_us();
+    return with_sim([&](Simulator& s) { return s.clock.now_us(); });
 }
 
 uint64_t slept_us() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    return s.clock.slept_us();
+    return with_sim([&](Simulator& s) { return s.clock.slept_us(); });
 }
 
 void reset_clock() {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.clock.reset();
+    with_sim([&](Simulator& s) { s.clock.reset(); });
 }
 
 void schedule(uint64_t at_us, std::function<void()> fn) {
-    Simulator& s = Simulator::instance();
-    Lock lock(s.mutex());
-    s.clock.schedule(at_us, std::move(fn));
+    with_sim([&](Simulator& s) { s.clock.schedule(at_us, std::move(fn)); });
 }
 
 std::vector<uint8_t> user_data(int adapter) {
-    std::vector<uint8_t> out;
-    with_firmware(adapter, [&](fw::Firmware& f) {
-        if (fw::NvStore* store = f.find_nv(fw::kUserDataFile)) out = store->bytes();
+    return with_firmware(adapter, [](fw::Firmware& f) {
+        const fw::NvStore* store = f.find_nv(fw::kUserDataFile);
+        return store != nullptr ? store->bytes() : fw::Bytes{};
     });
-    return out;
 }
 
 void set_user_data(int adapter, std::size_t offset, const std::vector<uint8_t>& bytes) {

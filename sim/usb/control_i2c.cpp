@@ -1,6 +1,4 @@
 // The control API of the virtual adapter's I2C side (corvel/sim_i2c.hpp).
-#include <mutex>
-
 #include "corvel/sim_i2c.hpp"
 #include "firmware/i2c_engine.hpp"
 #include "simulator.hpp"
@@ -10,12 +8,11 @@
 namespace corvel::sim {
 namespace {
 
-using Lock = std::lock_guard<std::recursive_mutex>;
-
-// Runs `fn` on adapter `index`'s I2C engine; nothing for an unknown adapter or one without I2C.
+// Runs `fn` on adapter `index`'s I2C engine and returns its result; for an unknown adapter or one
+// without I2C, nothing runs and the result is value-initialised (false, empty).
 template <typename Fn>
-void with_i2c(int index, Fn&& fn) {
-    with_engine<fw::I2cEngine>(index, std::forward<Fn>(fn));
+auto with_i2c(int index, Fn&& fn) {
+    return with_engine<fw::I2cEngine>(index, std::forward<Fn>(fn));
 }
 
 // The part of type T at a 7-bit address, or null.
@@ -27,27 +24,24 @@ T* part_at(fw::I2cEngine& e, int channel, uint8_t addr7) {
 }  // namespace
 
 I2cChannel i2c_channel(int adapter, int channel) {
-    I2cChannel out;
-    with_i2c(adapter, [&](fw::I2cEngine& e) {
-        if (const fw::I2cConfig* c = e.config(channel)) out = *c;
+    return with_i2c(adapter, [&](fw::I2cEngine& e) {
+        const fw::I2cConfig* c = e.config(channel);
+        return c != nullptr ? *c : I2cChannel{};
     });
-    return out;
 }
 
 std::vector<uint16_t> i2c_timing(int adapter) {
-    std::vector<uint16_t> out;
-    with_i2c(adapter, [&](fw::I2cEngine& e) {
-        if (const auto& t = e.timing()) out.assign(t->begin(), t->end());
+    return with_i2c(adapter, [](fw::I2cEngine& e) {
+        const auto& t = e.timing();
+        return t ? std::vector<uint16_t>(t->begin(), t->end()) : std::vector<uint16_t>{};
     });
-    return out;
 }
 
 std::vector<uint8_t> i2c_eeprom(int adapter, int channel, uint8_t addr7) {
-    std::vector<uint8_t> out;
-    with_i2c(adapter, [&](fw::I2cEngine& e) {
-        if (auto* eeprom = part_at<fw::Eeprom>(e, channel, addr7)) out = eeprom->memory().bytes();
+    return with_i2c(adapter, [&](fw::I2cEngine& e) {
+        auto* eeprom = part_at<fw::Eeprom>(e, channel, addr7);
+        return eeprom != nullptr ? eeprom->memory().bytes() : fw::Bytes{};
     });
-    return out;
 }
 
 void set_i2c_eeprom(int adapter, int channel, uint8_t addr7, const std::vector<uint8_t>& bytes) {
@@ -71,29 +65,22 @@ void i2c_attach_defaults(int adapter) {
 }
 
 bool i2c_attach_eeprom(int adapter, int channel, uint16_t addr, bool ten_bit) {
-    bool done = false;
-    with_i2c(adapter, [&](fw::I2cEngine& e) {
-        done = e.attach_eeprom(channel, fw::I2cAddress{addr, ten_bit});
+    return with_i2c(adapter, [&](fw::I2cEngine& e) {
+        return e.attach_eeprom(channel, fw::I2cAddress{addr, ten_bit});
     });
-    return done;
 }
 
 bool i2c_attach_sensor(int adapter, int channel, uint8_t addr7) {
-    bool done = false;
-    with_i2c(adapter, [&](fw::I2cEngine& e) { done = e.attach_sensor(channel, fw::I2cAddress{addr7}); });
-    return done;
+    return with_i2c(adapter,
+                    [&](fw::I2cEngine& e) { return e.attach_sensor(channel, fw::I2cAddress{addr7}); });
 }
 
 bool i2c_master_write(int adapter, int channel, const std::vector<uint8_t>& bytes) {
-    bool done = false;
-    with_i2c(adapter, [&](fw::I2cEngine& e) { done = e.external_write(channel, bytes); });
-    return done;
+    return with_i2c(adapter, [&](fw::I2cEngine& e) { return e.external_write(channel, bytes); });
 }
 
 std::vector<uint8_t> i2c_master_read(int adapter, int channel, std::size_t n) {
-    std::vector<uint8_t> out;
-    with_i2c(adapter, [&](fw::I2cEngine& e) { out = e.external_read(channel, n); });
-    return out;
+    return with_i2c(adapter, [&](fw::I2cEngine& e) { return e.external_read(channel, n); });
 }
 
 void raise_pin_event(int adapter, uint16_t pin, uint16_t type) {
@@ -101,9 +88,7 @@ void raise_pin_event(int adapter, uint16_t pin, uint16_t type) {
 }
 
 std::size_t i2c_waiting_event_transfers(int adapter) {
-    std::size_t n = 0;
-    with_i2c(adapter, [&](fw::I2cEngine& e) { n = e.waiting_event_transfers(); });
-    return n;
+    return with_i2c(adapter, [](fw::I2cEngine& e) { return e.waiting_event_transfers(); });
 }
 
 }  // namespace corvel::sim

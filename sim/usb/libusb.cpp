@@ -134,15 +134,15 @@ std::optional<Bytes> descriptor(const Adapter& a, int type, int index) {
 }
 
 bool endpoint_exists(int endpoint) {
-    return endpoint == fw::kBulkOut || endpoint == fw::kIntOut || endpoint == fw::kBulkIn ||
-           endpoint == fw::kIntIn;
+    return endpoint == proto::kEndpointBulkOut || endpoint == proto::kEndpointIntOut ||
+           endpoint == proto::kEndpointBulkIn || endpoint == proto::kEndpointIntIn;
 }
 
 // As usbfs: a bulk call may also reach an interrupt endpoint, an interrupt call only an
 // interrupt endpoint.
 bool endpoint_fits(int endpoint, bool out, bool interrupt) {
-    if (out) return endpoint == fw::kIntOut || (!interrupt && endpoint == fw::kBulkOut);
-    return endpoint == fw::kIntIn || (!interrupt && endpoint == fw::kBulkIn);
+    if (out) return endpoint == proto::kEndpointIntOut || (!interrupt && endpoint == proto::kEndpointBulkOut);
+    return endpoint == proto::kEndpointIntIn || (!interrupt && endpoint == proto::kEndpointBulkIn);
 }
 
 int transfer(Call call, usb_dev_handle* dev, int ep, char* bytes, int size, int timeout, bool out,
@@ -296,7 +296,7 @@ CORVEL_SIM_API int usb_reset(usb_dev_handle* dev) {
 CORVEL_SIM_API int usb_claim_interface(usb_dev_handle* dev, int interface) {
     return on_handle(Call::ClaimInterface, dev, interface, [&](Simulator&, usb_dev_handle& h, Record&) {
         Adapter& a = *h.adapter;
-        if (interface != 0) return -EINVAL;
+        if (interface != corvel::proto::kInterface) return -EINVAL;
         if (!a.present()) return -ENODEV;
         if (a.claimed_by != nullptr && a.claimed_by != &h) return -EBUSY;
         a.claimed_by = &h;
@@ -307,7 +307,7 @@ CORVEL_SIM_API int usb_claim_interface(usb_dev_handle* dev, int interface) {
 CORVEL_SIM_API int usb_release_interface(usb_dev_handle* dev, int interface) {
     return on_handle(Call::ReleaseInterface, dev, interface, [&](Simulator&, usb_dev_handle& h, Record&) {
         Adapter& a = *h.adapter;
-        if (interface != 0) return -EINVAL;
+        if (interface != corvel::proto::kInterface) return -EINVAL;
         if (!a.present()) return -ENODEV;
         if (a.claimed_by == &h) a.claimed_by = nullptr;
         return 0;

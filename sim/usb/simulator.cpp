@@ -14,17 +14,13 @@ namespace {
 constexpr uint8_t kEndpointAttributesBulk = USB_ENDPOINT_TYPE_BULK;
 constexpr uint8_t kEndpointAttributesInterrupt = USB_ENDPOINT_TYPE_INTERRUPT;
 
-fw::Identity identity_of(const AdapterSpec& a) {
-    return fw::Identity{a.serial, a.has_serial, a.personality, a.vendor, a.product};
-}
-
 usb_endpoint_descriptor endpoint(uint8_t address, uint8_t attributes) {
     usb_endpoint_descriptor e{};
     e.bLength = USB_DT_ENDPOINT_SIZE;
     e.bDescriptorType = USB_DT_ENDPOINT;
     e.bEndpointAddress = address;
     e.bmAttributes = attributes;
-    e.wMaxPacketSize = 64;
+    e.wMaxPacketSize = proto::kUsbPacketSize;
     e.bInterval = attributes == kEndpointAttributesInterrupt ? 1 : 0;
     return e;
 }
@@ -33,14 +29,15 @@ usb_endpoint_descriptor endpoint(uint8_t address, uint8_t attributes) {
 // interrupt IN 0x81, as the adapter reports them.
 void build_record(Adapter& a) {
     DeviceRecord& r = a.record;
-    r.endpoints = {
-        endpoint(fw::kBulkOut, kEndpointAttributesBulk), endpoint(fw::kIntOut, kEndpointAttributesInterrupt),
-        endpoint(fw::kBulkIn, kEndpointAttributesBulk), endpoint(fw::kIntIn, kEndpointAttributesInterrupt)};
+    r.endpoints = {endpoint(proto::kEndpointBulkOut, kEndpointAttributesBulk),
+                   endpoint(proto::kEndpointIntOut, kEndpointAttributesInterrupt),
+                   endpoint(proto::kEndpointBulkIn, kEndpointAttributesBulk),
+                   endpoint(proto::kEndpointIntIn, kEndpointAttributesInterrupt)};
 
     usb_interface_descriptor& alt = r.altsetting;
     alt.bLength = USB_DT_INTERFACE_SIZE;
     alt.bDescriptorType = USB_DT_INTERFACE;
-    alt.bInterfaceNumber = 0;
+    alt.bInterfaceNumber = proto::kInterface;
     alt.bNumEndpoints = static_cast<uint8_t>(r.endpoints.size());
     alt.bInterfaceClass = USB_CLASS_VENDOR_SPEC;
     alt.endpoint = r.endpoints.data();
@@ -155,7 +152,7 @@ void Simulator::configure(const std::vector<AdapterSpec>& adapters) {
         a->index = static_cast<int>(current_.size());
         a->setup = setup;
         build_record(*a);
-        a->firmware = std::make_shared<fw::Firmware>(identity_of(setup), clock, nv_folder(*a));
+        a->firmware = std::make_shared<fw::Firmware>(setup, clock, nv_folder(*a));
         by_device_[&a->record.device] = a.get();
         current_.push_back(a.get());
         all_.push_back(std::move(a));

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "corvel/sim.hpp"
@@ -125,20 +126,33 @@ class Simulator {
 // $CORVEL_SIM_STATE, else $XDG_STATE_HOME/corvel-sim, else $HOME/.local/state/corvel-sim, else "".
 std::string default_state_dir();
 
-// Runs `fn` on adapter `index`'s firmware model under the simulator's lock; nothing for an unknown
-// index. The control API reaches every adapter this way.
+// Runs `fn(simulator)` under the simulator's lock and returns what it returns. The control API
+// reaches the simulator this way.
 template <typename Fn>
-void with_firmware(int index, Fn&& fn) {
+decltype(auto) with_sim(Fn&& fn) {
     Simulator& s = Simulator::instance();
     std::lock_guard<std::recursive_mutex> lock(s.mutex());
-    if (fw::Firmware* f = s.firmware(index)) fn(*f);
+    return fn(s);
 }
 
-// The same for one engine of the adapter; nothing when the adapter has no such engine.
+// Runs `fn` on adapter `index`'s firmware model under the simulator's lock and returns its result;
+// for an unknown index it does nothing and returns a value-initialised result (false, empty, 0).
+template <typename Fn>
+auto with_firmware(int index, Fn&& fn) {
+    using R = std::invoke_result_t<Fn&, fw::Firmware&>;
+    return with_sim([&](Simulator& s) -> R {
+        if (fw::Firmware* f = s.firmware(index)) return fn(*f);
+        if constexpr (!std::is_void_v<R>) return R{};
+    });
+}
+
+// The same for one engine of the adapter; the same default when the adapter has no such engine.
 template <typename E, typename Fn>
-void with_engine(int index, Fn&& fn) {
-    with_firmware(index, [&](fw::Firmware& f) {
-        if (E* e = f.find_engine<E>()) fn(*e);
+auto with_engine(int index, Fn&& fn) {
+    using R = std::invoke_result_t<Fn&, E&>;
+    return with_firmware(index, [&](fw::Firmware& f) -> R {
+        if (E* e = f.find_engine<E>()) return fn(*e);
+        if constexpr (!std::is_void_v<R>) return R{};
     });
 }
 

@@ -17,19 +17,15 @@
 #include <string_view>
 #include <vector>
 
+#include "corvel/sim_adapter.hpp"
+
 #define CORVEL_SIM_API __attribute__((visibility("default")))
 
 namespace corvel::sim {
 
 // ---- Configuration -------------------------------------------------------------------------
 
-struct AdapterSpec {
-    std::string serial = "CV0000000001";  // USB serial-number string
-    bool has_serial = true;               // false: the device descriptor has no serial string
-    int personality = 1;                  // device type 1 I2C, 2 SPI, 3 one-channel CAN, 4 two-channel CAN
-    uint16_t vendor = 0x0483;
-    uint16_t product = 0x0666;
-};
+// The adapters are described by AdapterSpec (corvel/sim_adapter.hpp).
 
 // Parses the grammar of the CORVEL_SIM environment variable (see docs/virtual-adapter.md).
 // Throws std::invalid_argument with a one-line reason on a malformed text.
