@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "CorvelBoard.h"
-#include "libusb_driver.h"
+#include "kd_board.h"
 #include "usb_driver.h"
 #include "usb_list.h"
 #include "wire.hpp"
@@ -13,6 +13,7 @@
 namespace {
 
 using namespace corvel::test;
+using namespace corvel::proto;
 namespace sim = corvel::sim;
 
 class Messages : public testing::Test {

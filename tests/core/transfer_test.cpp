@@ -10,6 +10,7 @@
 namespace {
 
 using namespace corvel::test;
+using namespace corvel::proto;
 namespace sim = corvel::sim;
 
 class RawTransfer : public testing::Test {
