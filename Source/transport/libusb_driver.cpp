@@ -14,12 +14,13 @@ namespace {
 // attempt included. A handle the library closed earlier fails the claim as a closed descriptor
 // would, without reaching libusb (and without a second close).
 //
-// The handle was copied out of the device list under the list's guard; the transfer runs without
-// it, so threads on different adapters do not wait for each other.
+// The handle was leased from the device list under the list's guard; the transfer runs without the
+// guard, so threads on different adapters do not wait for each other, and the lease keeps the
+// handle open until the transfer ends.
 template <typename Attempt>
-int32_t claimed_transfer(BoardHandle board, int attempts, Attempt attempt) {
-    if (board.closed) return -5;
-    usb_dev_handle* handle = board.handle;
+int32_t claimed_transfer(const BoardHandle& board, int attempts, Attempt attempt) {
+    if (board.closed()) return -5;
+    usb_dev_handle* handle = board.handle();
     if (usb_claim_interface(handle, proto::kInterface) < 0) {
         close_unclaimable(handle);  // the node keeps the pointer, marked closed
         return -5;
@@ -46,7 +47,7 @@ int32_t read_once(usb_dev_handle* h, int32_t pipenum, char* buffer, int32_t len,
 // zero-length write, whatever the first one returned; the adapter's firmware relies on it.
 int32_t LibUSBWriteData(uint32_t nBoardID, int32_t pipenum, char* sendbuffer, int32_t len, int32_t waittime) {
     const BoardHandle board = select_board(static_cast<int>(nBoardID));
-    if (board.handle == nullptr) return -1;
+    if (board.handle() == nullptr) return -1;
     return claimed_transfer(board, kTransferAttempts, [&](usb_dev_handle* h) {
         if (pipenum == proto::kPipeIntOut)
             return usb_interrupt_write(h, proto::kEndpointIntOut, sendbuffer, len, waittime);
@@ -60,7 +61,7 @@ int32_t LibUSBWriteData(uint32_t nBoardID, int32_t pipenum, char* sendbuffer, in
 // A short read is not retried: the message layer judges the count.
 int32_t LibUSBReadData(uint32_t nBoardID, int32_t pipenum, char* sendbuffer, int32_t len, int32_t waittime) {
     const BoardHandle board = select_board(static_cast<int>(nBoardID));
-    if (board.handle == nullptr) return -1;
+    if (board.handle() == nullptr) return -1;
     return claimed_transfer(board, kTransferAttempts, [&](usb_dev_handle* h) {
         return read_once(h, pipenum, sendbuffer, len, waittime);
     });
@@ -71,7 +72,7 @@ int32_t LibUSBReadData(uint32_t nBoardID, int32_t pipenum, char* sendbuffer, int
 int32_t LibUSBReadDataFast(uint32_t nBoardID, int32_t pipenum, char* sendbuffer, int32_t len,
                            int32_t waittime) {
     const BoardHandle board = current_board(static_cast<int>(nBoardID));
-    if (board.handle == nullptr) return -1;
+    if (board.handle() == nullptr) return -1;
     return claimed_transfer(
         board, 1, [&](usb_dev_handle* h) { return read_once(h, pipenum, sendbuffer, len, waittime); });
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 namespace proto = corvel::proto;
 
@@ -23,6 +24,34 @@ std::shared_mutex list_guard;
 // Guards the current board handle and its closed flag; taken after list_guard when both are held.
 std::mutex board_guard;
 bool board_handle_closed = false;
+
+// Handles transfers are running on (guarded by board_guard). Entries are reused, so the table grows
+// only when more transfers than ever before run at once, never per message.
+struct InUse {
+    usb_dev_handle* handle;
+    int leases;
+    bool close_pending;  // closed by the library while leased: the last lease calls usb_close
+};
+std::vector<InUse> in_use;
+
+InUse* in_use_entry(const usb_dev_handle* h) {
+    for (InUse& e : in_use)
+        if (e.handle == h && (e.leases > 0 || e.close_pending)) return &e;
+    return nullptr;
+}
+
+void lease(usb_dev_handle* h) {
+    if (InUse* e = in_use_entry(h)) {
+        ++e->leases;
+        return;
+    }
+    for (InUse& e : in_use)
+        if (e.leases == 0 && !e.close_pending) {
+            e = InUse{h, 1, false};
+            return;
+        }
+    in_use.push_back(InUse{h, 1, false});
+}
 
 constexpr std::size_t kSerialSize = proto::kSerialStringSize;
 
@@ -65,12 +94,19 @@ void mark_closed(const usb_dev_handle* h) {
     if (pCorvelBoardHandle == h) board_handle_closed = true;
 }
 
-// usb_close on a live handle; a handle closed before fails as a closed descriptor would.
+// usb_close on a live handle; a handle closed before fails as a closed descriptor would. A handle
+// a transfer is running on is closed by the transfer's lease when it ends; the close counts as done.
 int close_live(usb_dev_handle* h, bool closed) {
     if (h == nullptr || closed) return -1;
-    const int r = usb_close(h);  // libusb frees the handle whatever it answers
     mark_closed(h);
-    return r;
+    {
+        std::lock_guard board(board_guard);
+        if (InUse* e = in_use_entry(h)) {
+            e->close_pending = true;
+            return 0;
+        }
+    }
+    return usb_close(h);  // libusb frees the handle whatever it answers
 }
 
 // Before a slot's handle is overwritten: the earlier handle is closed unless it is already closed
@@ -256,22 +292,37 @@ bool close_dev(int32_t devNum) {
     return r == 0;
 }
 
+BoardHandle::BoardHandle(usb_dev_handle* handle, bool closed) : handle_(handle), closed_(closed) {}
+
+BoardHandle::~BoardHandle() {
+    if (handle_ == nullptr || closed_) return;
+    std::unique_lock board(board_guard);
+    InUse* e = in_use_entry(handle_);
+    if (e == nullptr || --e->leases > 0 || !e->close_pending) return;
+    e->close_pending = false;
+    board.unlock();
+    usb_close(handle_);
+}
+
+// The lease is taken under the guard, so no close can slip in between the look-up and the lease.
 BoardHandle select_board(int index) {
     std::shared_lock guard(list_guard);
     const kd_list* node = list_post(index);
-    const BoardHandle b =
-        node ? BoardHandle{node->pDevHandle, node->handle_closed} : BoardHandle{nullptr, false};
+    usb_dev_handle* h = node ? node->pDevHandle : nullptr;
+    const bool closed = node ? node->handle_closed : false;
     std::lock_guard board(board_guard);
-    pCorvelBoardHandle = b.handle;
-    board_handle_closed = b.closed;
-    return b;
+    pCorvelBoardHandle = h;
+    board_handle_closed = closed;
+    if (h != nullptr && !closed) lease(h);
+    return {h, closed};
 }
 
 BoardHandle current_board(int index) {
     std::shared_lock guard(list_guard);
     const kd_list* node = list_post(index);
-    if (node == nullptr || node->pDevHandle == nullptr) return {nullptr, false};
+    if (node == nullptr || node->pDevHandle == nullptr) return {};
     std::lock_guard board(board_guard);
+    if (pCorvelBoardHandle != nullptr && !board_handle_closed) lease(pCorvelBoardHandle);
     return {pCorvelBoardHandle, board_handle_closed};
 }
 

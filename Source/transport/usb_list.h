@@ -52,10 +52,25 @@ bool open_dev(int32_t devNum);
 bool check_dev(int32_t devNum);
 bool close_dev(int32_t devNum);
 
-// A handle as the raw layer may use it: `closed` means it must not reach libusb.
-struct BoardHandle {
-    usb_dev_handle* handle;
-    bool closed;
+// A handle the raw layer transfers on, copied out of the list under its guard. While a lease is
+// held the handle stays open: a close by another thread (a rescan, a connection test, a board
+// close on an adapter sharing it) marks it closed at once and leaves the usb_close to the last
+// lease, so a transfer never runs on a handle freed under it. `closed` means it must not reach
+// libusb at all.
+class BoardHandle {
+  public:
+    BoardHandle() = default;
+    BoardHandle(usb_dev_handle* handle, bool closed);
+    ~BoardHandle();
+    BoardHandle(const BoardHandle&) = delete;
+    BoardHandle& operator=(const BoardHandle&) = delete;
+
+    usb_dev_handle* handle() const { return handle_; }
+    bool closed() const { return closed_; }
+
+  private:
+    usb_dev_handle* handle_ = nullptr;
+    bool closed_ = false;
 };
 
 // Looks the adapter up and makes its handle the current board handle: a null handle when the
