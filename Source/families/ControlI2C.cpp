@@ -34,7 +34,7 @@ proto::Writer& addressed(Request& r, uint16_t Addr, uint32_t SubAddr, int32_t I2
 }
 
 // A read-type request: its status must be the read's OK; then the adapter is asked for the data it
-// collected (that request's own answer is not examined) and Len + 7 bytes are read, the first seven
+// collected (whether that request went out is not examined) and Len + 7 bytes are read, the first seven
 // (a reply header) skipped. Fewer bytes than asked still succeed and copy only what came; the
 // "no data" code cannot result here, callers rely on 0. The status wait is the usual one, or one
 // attempt with the caller's time-out for pin events.
@@ -44,7 +44,7 @@ int32_t read_transfer(int32_t DevIndex, Request& request, uint8_t* out, uint16_t
                           ? request_status(DevIndex, request, MSG_I2C_READ_DATA_OK, *status_timeout_ms)
                           : request_status(DevIndex, request, MSG_I2C_READ_DATA_OK);
     if (r != 0) return r;
-    USB_SendStatus(DevIndex, S_MSG{MSG_KD_REQUEST_IIC_ADDR_DATAS_REC, 0, MSG_NO_STATE, 0, nullptr});
+    send_bare(DevIndex, MSG_KD_REQUEST_IIC_ADDR_DATAS_REC);  // its result is not examined: intended
     return read_data(DevIndex, out, Len, fetch_timeout_ms);
 }
 

@@ -1,6 +1,7 @@
 #include "family.h"
 
 #include <algorithm>
+#include <array>
 
 #include "kd_board.h"
 #include "lock.h"
@@ -45,6 +46,15 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok) {
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_ms) {
     if (send(dev, request) != 0) return KD_ERR_USB_WRITE_FAIL;
     return USB_GetStatusWithTimeOut(dev, timeout_ms) == ok ? KD_SUCCESS : KD_ERR_EXECUTE_CMD;
+}
+
+int32_t send_bare(int32_t dev, int32_t code) {
+    return USB_SendStatus(dev, S_MSG{code, 0, MSG_NO_STATE, 0, nullptr}) == 0 ? KD_SUCCESS
+                                                                              : KD_ERR_USB_WRITE_FAIL;
+}
+
+int32_t read_exact(int32_t dev, uint8_t* out, int32_t n, int timeout_ms, ReadMode mode) {
+    return USB_ReadRaw(dev, out, n, timeout_ms, mode) == n ? KD_SUCCESS : KD_ERR_USB_READ_FAIL;
 }
 
 int32_t read_data(int32_t dev, uint8_t* out, std::size_t len, int timeout_ms, ReadMode mode) {

@@ -90,6 +90,13 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok);
 // The same, with one status read attempt on the current board handle and the caller's time-out.
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_ms);
 
+// Sends a bare message (the code alone, no payload) in a 7-byte frame, as the data-fetch requests
+// go: 0, or -5.
+int32_t send_bare(int32_t dev, int32_t code);
+
+// Reads exactly n raw bytes (no header) straight into `out`: 0, or -6 for any other count.
+int32_t read_exact(int32_t dev, uint8_t* out, int32_t n, int timeout_ms, ReadMode mode = ReadMode::Retrying);
+
 // Reads a data answer of `len` payload bytes behind a reply header (skipped unexamined) into
 // `out`. Fewer bytes than asked still succeed and copy only what came; less than a header is -6.
 int32_t read_data(int32_t dev, uint8_t* out, std::size_t len, int timeout_ms,
