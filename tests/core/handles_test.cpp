@@ -74,17 +74,6 @@ TEST(Handles, StayBoundedOverManyMixedCalls) {
     EXPECT_EQ(handles.open, 0);
 }
 
-TEST(Handles, RepeatedEnumerationOpenAndBoardInformationLeaveOneHandlePerAdapter) {
-    sim::configure({adapter("H0")});
-    KII_BOARD_INFO info{};
-    HandleCount handles;
-    for (int i = 0; i < 100; ++i) KD_EnumBoard(1);
-    for (int i = 0; i < 100; ++i) KD_OpenBoard(0);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(KII_ReadBoardInfo(0, &info), 0);
-    handles.take();
-    EXPECT_EQ(handles.open, 1);
-}
-
 // A command is the integer a C caller passed, whatever KD_CMD_ENUM lists.
 TEST(Commands, AnyIntegerGoesOutAsItIs) {
     sim::configure({adapter("C0")});
