@@ -37,8 +37,14 @@ CORVEL_EXTERN_C_BEGIN
 #define KD_DEVTYPE_CAN1 3
 #define KD_DEVTYPE_CAN2 4
 
-/* Commands of the interrupt command channel (8-byte request, 8-byte answer). */
+/* Commands of the interrupt command channel (8-byte request, 8-byte answer). In C++ the enumeration
+ * has the fixed underlying type int32_t, so that any integer a C caller passes (the ABI is the same
+ * 32-bit int) is a valid value of it. */
+#ifdef __cplusplus
+typedef enum _KD_CMD_ENUM : int32_t {
+#else
 typedef enum _KD_CMD_ENUM {
+#endif
     KD_CMD_NONE = 0,
     KD_CMD_GET_CORVEL_VN = 2816,     /* ask the adapter for its version */
     KD_CMD_CAN_GET_DATA_FLAG = 2817, /* ask the CAN firmware whether received data is waiting */

@@ -78,6 +78,8 @@ TEST(Allocation, NoneOnTheSendAndReceivePaths) {
 
     sim::configure({adapter("A")});
     ASSERT_EQ(KII_OpenDevice(1, 0, 0), 0);
+    // Warm-up: a thread's first message allocates that thread's buffer set (and the first transfer
+    // the device list's table of handles in use); from then on nothing is allocated per message.
     KII_INIT_CONFIG c{1, 0, 7, 1, 0, 100000};
     ASSERT_EQ(KII_InitI2C(1, 0, 0, &c), 0);
 

@@ -5,7 +5,6 @@
 #include <cerrno>
 
 #include "CorvelBoard.h"
-#include "libusb_driver.h"
 #include "usb_driver.h"
 #include "usb_list.h"
 #include "wire.hpp"
@@ -13,6 +12,7 @@
 namespace {
 
 using namespace corvel::test;
+using namespace corvel::proto;
 namespace sim = corvel::sim;
 
 class Messages : public testing::Test {
@@ -225,13 +225,6 @@ TEST_F(Messages, SendStatusChecksBeforeWriting) {
 
     sim::fail_next(Call::BulkWrite, 1, -5);
     EXPECT_EQ(USB_SendStatus(0, msg(776, 0, nullptr)), -5);
-}
-
-TEST_F(Messages, ConnectionTest) {
-    EXPECT_TRUE(DeviceIsConnected(0));
-    EXPECT_FALSE(DeviceIsConnected(1));
-    sim::unplug(0);
-    EXPECT_FALSE(DeviceIsConnected(0));
 }
 
 }  // namespace

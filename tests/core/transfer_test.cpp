@@ -10,6 +10,7 @@
 namespace {
 
 using namespace corvel::test;
+using namespace corvel::proto;
 namespace sim = corvel::sim;
 
 class RawTransfer : public testing::Test {
@@ -146,14 +147,21 @@ TEST_F(RawTransfer, FailedClaimClosesTheHandleWhichIsNeverUsedAgain) {
     EXPECT_EQ(LibUSBWriteData(0, 2, buf, 4, 100), -5);
     EXPECT_EQ(count(Call::Close), 1u);
     EXPECT_EQ(count(Call::BulkWrite), 0u);
-    // The node keeps the closed handle: later transfers fail the claim without reaching libusb.
+    // Many transfers on another adapter later, the node still knows its handle is closed: later
+    // transfers fail the claim without reaching libusb, and nothing closes it a second time.
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(LibUSBWriteData(1, 2, buf, 4, 100), 4);
     sim::clear_records();
     EXPECT_EQ(LibUSBWriteData(0, 2, buf, 4, 100), -5);
     EXPECT_EQ(LibUSBReadData(0, 130, buf, 1, 100), -5);
     EXPECT_TRUE(sim::records().empty());
-    EXPECT_FALSE(check_dev(0));  // closing a closed handle fails
-    // Index 1 is unaffected.
+    EXPECT_FALSE(check_dev(0));                              // closing a closed handle fails
+    EXPECT_EQ(LibUSBReadDataFast(0, 130, buf, 1, 100), -5);  // the current board handle is that one too
+    EXPECT_TRUE(sim::records().empty());
+    // Index 1 is unaffected; closing index 0 fails without a second usb_close.
     EXPECT_EQ(LibUSBWriteData(1, 2, buf, 4, 100), 4);
+    sim::clear_records();
+    EXPECT_FALSE(close_dev(0));
+    EXPECT_EQ(count(Call::Close), 0u);
 }
 
 }  // namespace

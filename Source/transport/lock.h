@@ -2,13 +2,14 @@
 #pragma once
 
 #include <pthread.h>
+#include <atomic>
 #include <cstdint>
 
 // Indices at or above this value are opened, closed and tested without the lock.
 inline constexpr int32_t kLockIndexLimit = 21;
 
 extern pthread_mutex_t m_Mutex;
-extern int CriticalInitFlag;
+extern std::atomic<int> CriticalInitFlag;
 
 // Creates the mutex once per process (only for indices below the limit).
 void lock_init(int32_t DevIndex);
