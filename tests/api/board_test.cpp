@@ -17,13 +17,15 @@ class OpenClose : public VirtualAdapters {};
 TEST_F(Enumeration, CountsMatchingDevicesOnly) {
     auto foreign = adapter("F");
     foreign.product = 0x0667;
+    auto other_vendor = adapter("V");
+    other_vendor.vendor = 0x1234;
     const struct {
         std::vector<sim::AdapterSpec> bus;
         int32_t expected;
     } cases[] = {
         {{}, 0},
         {{adapter("A")}, 1},
-        {{adapter("A"), foreign, adapter("B", 2)}, 2},
+        {{other_vendor, adapter("A"), foreign, adapter("B", 2)}, 2},
         {{adapter("A"), adapter("A")}, 2},  // devices seen, even when their serials merge
     };
     for (const auto& c : cases) {
@@ -79,16 +81,18 @@ TEST_F(OpenClose, UnknownIndicesAndDoubleCloses) {
     EXPECT_EQ(KD_OpenBoard(1), -8);
     EXPECT_EQ(KD_CloseBoard(1), -9);
     EXPECT_EQ(KD_EnumBoard(1), 2);
-    EXPECT_EQ(KD_OpenBoard(1), 0);
+    EXPECT_EQ(KD_OpenBoard(1), 0);   // B kept its index
+    EXPECT_EQ(KD_OpenBoard(0), -8);  // A's old index stays a gap:
     EXPECT_EQ(KD_OpenBoard(2), -8);  // A came back as index 2, beyond the length bound of two nodes
 }
 
-TEST_F(OpenClose, AdapterWithoutSerialCannotBeOpened) {
+TEST_F(OpenClose, AdapterWithoutSerialIsListedButCannotBeOpened) {
     auto anonymous = adapter("");
     anonymous.has_serial = false;
-    reset({anonymous});
-    EXPECT_EQ(KD_EnumBoard(1), 1);
+    reset({anonymous, adapter("A")});
+    EXPECT_EQ(KD_EnumBoard(1), 2);
     EXPECT_EQ(KD_OpenBoard(0), -8);
+    EXPECT_EQ(KD_OpenBoard(1), 0);  // it holds index 0
 }
 
 TEST_F(OpenClose, UnpluggedAdapterCannotBeOpened) {

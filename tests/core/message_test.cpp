@@ -87,8 +87,8 @@ TEST_P(FrameZlp, PacketMultipleFramesAreFollowedByThree) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lengths, FrameZlp,
-                         testing::Values(ZlpCase{772, 57, 3}, ZlpCase{772, 58, 0}, ZlpCase{772, 121, 3},
-                                         ZlpCase{32768, 55, 3}, ZlpCase{32768, 57, 0}));
+                         testing::Values(ZlpCase{772, 56, 0}, ZlpCase{772, 57, 3}, ZlpCase{772, 58, 0},
+                                         ZlpCase{772, 121, 3}, ZlpCase{32768, 55, 3}, ZlpCase{32768, 57, 0}));
 
 TEST_F(Messages, OversizedOrMissingPayloadFailsWithoutTraffic) {
     static std::array<uint8_t, kSendBufferSize> big{};
@@ -113,85 +113,74 @@ TEST_F(Messages, ShortWriteFailsTheSend) {
     EXPECT_EQ(USB_SendMsg(0, &m), 1);
 }
 
-TEST_F(Messages, PacketReplyCopiesTheAnnouncedPayload) {
-    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, {0xA1, 0xA2, 0xA3, 0xA4}, 3, 512));
-    S_MSG m = msg(0, 0, out.data());
-    ASSERT_EQ(USB_GetMsg(0, &m), 0);
-    EXPECT_EQ(m.message, 261);
-    EXPECT_EQ(m.status, MSG_MSG_DATA_TRAN_OK);
-    EXPECT_EQ(m.size, 3);
-    EXPECT_EQ(out[2], 0xA3);
-    EXPECT_EQ(out[3], 0xEE);  // exactly three bytes copied
-    EXPECT_EQ(calls(Call::BulkRead).at(0).timeout_ms, 5000);
-}
-
-TEST_F(Messages, PacketReplyNeverCopiesPastThePacket) {
-    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, Bytes(505, 0x77), 0xFFFF, 512));
-    S_MSG m = msg(0, 0, out.data());
-    ASSERT_EQ(USB_GetMsg(0, &m), 0);
-    EXPECT_EQ(out[504], 0x77);
-    EXPECT_EQ(out[505], 0xEE);
-}
-
-TEST_F(Messages, OnlyAFullPacketCounts) {
-    sim::inject_in(0, kEndpointBulkIn, reply(261, 2, {1}, 1, 511));
-    S_MSG m = msg(99, 0, out.data());
-    EXPECT_EQ(USB_GetMsg(0, &m), 1);
-    EXPECT_EQ(m.message, 0);
-    EXPECT_EQ(out[0], 0xEE);
-}
-
-TEST_F(Messages, ExactLengthReceive) {
-    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x01, 0x02}, 2, 9));
-    S_MSG m = msg(0, 2, out.data());
-    ASSERT_EQ(USB_GetMsgWithSize(0, &m), 0);
-    EXPECT_EQ(m.message, 787);
-    EXPECT_EQ(out[1], 0x02);
-    EXPECT_EQ(calls(Call::BulkRead).at(0).data.size(), 9u);
-    EXPECT_EQ(calls(Call::BulkRead).at(0).timeout_ms, 1000);
-
-    // A reply announcing more than arrived copies only what arrived.
-    out.fill(0xEE);
-    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x05, 0x06}, 40, 9));
-    m = msg(0, 2, out.data());
-    ASSERT_EQ(USB_GetMsgWithSize(0, &m), 0);
-    EXPECT_EQ(out[1], 0x06);
-    EXPECT_EQ(out[2], 0xEE);
-
-    sim::inject_in(0, kEndpointBulkIn, reply(787, 2, {0x01}, 1, 8));
-    m = msg(1, 2, out.data());
-    EXPECT_EQ(USB_GetMsgWithSize(0, &m), 1);
-    EXPECT_EQ(m.message, 0);
-
-    m = msg(1, 506, out.data());  // more than one packet holds
-    EXPECT_EQ(USB_GetMsgWithSize(0, &m), 1);
-}
-
-TEST_F(Messages, LongReceiveReadsHeaderThenPayload) {
-    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 0, 7));
-    S_MSG m = msg(0, 0, out.data());
-    ASSERT_EQ(USB_GetMsgEx(0, &m), 0);
-    EXPECT_EQ(count(Call::BulkRead), 1u);  // size 0: done after the header
-
-    sim::clear_records();
-    Bytes payload(600);
-    for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i);
-    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 600, 7));
-    sim::inject_in(0, kEndpointBulkIn, payload);
-    std::array<uint8_t, 700> big{};
-    m = msg(0, 0, big.data());
-    ASSERT_EQ(USB_GetMsgEx(0, &m), 0);
-    EXPECT_EQ(m.size, 600);
-    EXPECT_EQ(big[599], static_cast<uint8_t>(599));
-    const auto reads = calls(Call::BulkRead);
-    ASSERT_EQ(reads.size(), 2u);
-    EXPECT_EQ(reads[1].data.size(), 600u);
-
-    sim::inject_in(0, kEndpointBulkIn, reply(32769, 2, {}, 10, 7));
-    sim::inject_in(0, kEndpointBulkIn, {1, 2, 3});
-    m = msg(0, 0, big.data());
-    EXPECT_EQ(USB_GetMsgEx(0, &m), 1);
-    EXPECT_EQ(m.message, 0);
+// A reply copies no more than it announced, than arrived, than its packet or the caller's size
+// holds; one cut short fails (1) and clears the code. Each receive reads with its own time-out.
+TEST_F(Messages, RepliesCopyNoMoreThanWasAnnouncedArrivedOrFits) {
+    using Receive = uint8_t (*)(S_MSG*);
+    const Receive packet = [](S_MSG* m) { return USB_GetMsg(0, m); };          // one full 512-byte packet
+    const Receive exact = [](S_MSG* m) { return USB_GetMsgWithSize(0, m); };   // header and m->size bytes
+    const Receive header_first = [](S_MSG* m) { return USB_GetMsgEx(0, m); };  // header, then its size
+    Bytes counting(600);
+    for (std::size_t i = 0; i < counting.size(); ++i) counting[i] = static_cast<uint8_t>(i);
+    const struct {
+        Receive receive;
+        std::vector<Bytes> answers;
+        int32_t size;  // m->size passed in
+        uint8_t result;
+        int32_t code;  // m->message after the call
+        int32_t announced;
+        Bytes copied;
+        std::vector<std::size_t> reads;  // bytes each read delivered
+        int timeout_ms;
+    } cases[] = {
+        {packet,
+         {reply(261, 2, {0xA1, 0xA2, 0xA3, 0xA4}, 3, 512)},
+         0,
+         0,
+         261,
+         3,
+         {0xA1, 0xA2, 0xA3},
+         {512},
+         5000},
+        {packet,
+         {reply(261, 2, Bytes(505, 0x77), 0xFFFF, 512)},
+         0,
+         0,
+         261,
+         0xFFFF,
+         Bytes(505, 0x77),
+         {512},
+         5000},
+        {packet, {reply(261, 2, {1}, 1, 511)}, 0, 1, 0, 0, {}, {511}, 5000},
+        {exact, {reply(787, 2, {0x01, 0x02}, 2, 9)}, 2, 0, 787, 2, {0x01, 0x02}, {9}, 1000},
+        {exact, {reply(787, 2, {0x05, 0x06}, 40, 9)}, 2, 0, 787, 40, {0x05, 0x06}, {9}, 1000},
+        {exact, {reply(787, 2, {0x01}, 1, 8)}, 2, 1, 0, 0, {}, {8}, 1000},
+        {exact, {}, 506, 1, 0, 0, {}, {}, 1000},  // more than one packet holds: nothing is read
+        {header_first, {reply(32769, 2, {}, 0, 7)}, 0, 0, 32769, 0, {}, {7}, 1000},
+        {header_first, {reply(32769, 2, {}, 600, 7), counting}, 0, 0, 32769, 600, counting, {7, 600}, 1000},
+        {header_first, {reply(32769, 2, {}, 10, 7), {1, 2, 3}}, 0, 1, 0, 0, {}, {7, 3}, 1000},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        sim::clear_records();
+        for (const Bytes& answer : c.answers) sim::inject_in(0, kEndpointBulkIn, answer);
+        out.fill(0xEE);
+        S_MSG m = msg(99, c.size, out.data());
+        EXPECT_EQ(c.receive(&m), c.result);
+        EXPECT_EQ(m.message, c.code);
+        if (c.result == 0) {
+            EXPECT_EQ(m.status, MSG_MSG_DATA_TRAN_OK);
+            EXPECT_EQ(m.size, c.announced);
+        }
+        EXPECT_EQ(Bytes(out.begin(), out.begin() + c.copied.size()), c.copied);
+        EXPECT_EQ(out[c.copied.size()], 0xEE);
+        std::vector<std::size_t> reads;
+        for (const auto& r : calls(Call::BulkRead)) {
+            reads.push_back(r.data.size());
+            EXPECT_EQ(r.timeout_ms, c.timeout_ms);
+        }
+        EXPECT_EQ(reads, c.reads);
+    }
 }
 
 TEST_F(Messages, StatusByteOrNoState) {

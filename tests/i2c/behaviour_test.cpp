@@ -1,6 +1,10 @@
 // The I2C family against the simulated parts: an EEPROM, a temperature sensor, an external bus
-// master for slave mode, pin events on the virtual clock, and the user-data area.
+// master for slave mode, pin events on the virtual clock, and the user-data area. These tests are
+// also the firmware model's tests for what the library sends; tests/sim/i2c_engine_test.cpp covers
+// the requests the library never makes.
+#include <algorithm>
 #include <array>
+#include <climits>
 
 #include "i2c_fixture.hpp"
 
@@ -68,27 +72,50 @@ TEST_F(I2cAdapter, NobodyAtTheAddressIsAnExecutionFailure) {
     EXPECT_EQ(KII_WriteBytes(1, 0, 0, kEeprom, 0, bytes, 1), 0);
 }
 
-TEST_F(I2cAdapter, TemperatureSensorRegisters) {
-    std::array<uint8_t, 2> t{};
+TEST_F(I2cAdapter, TemperatureSensorRoundsClampsAndKeepsItsLimit) {
+    std::array<uint8_t, 4> t{};
     ASSERT_EQ(KII_ReadBytes(1, 0, 0, kSensor, 0, t.data(), 2), 0);
-    EXPECT_EQ(Bytes(t.begin(), t.end()), (Bytes{0x19, 0x00}));  // 25.0 degrees
-    sim::set_temperature(0, 0, 0x48, -5500);
-    ASSERT_EQ(KII_ReadBytes(1, 0, 0, kSensor, 0, t.data(), 2), 0);
-    EXPECT_EQ(Bytes(t.begin(), t.end()), (Bytes{0xFA, 0x80}));
+    EXPECT_EQ(Bytes(t.begin(), t.begin() + 2), (Bytes{0x19, 0x00}));  // 25.0 degrees until set
+    const std::pair<int, Bytes> temperatures[] = {
+        {25300, {0x19, 0x00}}, {-5500, {0xFA, 0x80}},  {-5700, {0xFA, 0x00}},  {-1, {0xFF, 0x80}},
+        {499, {0x00, 0x00}},   {127999, {0x7F, 0x80}}, {200000, {0x7F, 0x80}}, {INT_MIN, {0x80, 0x00}}};
+    for (const auto& [milli, reg] : temperatures) {
+        sim::set_temperature(0, 0, 0x48, milli);
+        ASSERT_EQ(KII_ReadBytes(1, 0, 0, kSensor, 0, t.data(), 4), 0);
+        EXPECT_EQ(Bytes(t.begin(), t.end()), (Bytes{reg[0], reg[1], reg[0], reg[1]})) << milli;  // and again
+    }
     uint8_t limit[] = {0x3C, 0x00};  // over-temperature limit 60 degrees
     ASSERT_EQ(KII_WriteBytes(1, 0, 0, kSensor, 3, limit, 2), 0);
     ASSERT_EQ(KII_ReadBytes(1, 0, 0, kSensor, 3, t.data(), 2), 0);
     EXPECT_EQ(t[0], 0x3C);
+    // A pointer beyond the last register is not acknowledged.
+    EXPECT_EQ(KII_WriteBytes(1, 0, 0, kSensor, 4, limit, 0), -10);
+    EXPECT_EQ(KII_ReadBytes(1, 0, 0, kSensor, 4, t.data(), 1), -10);
 }
 
 TEST_F(I2cAdapter, SubAddressWidthDecidesTheBytesOnTheBus) {
-    // With no sub-address the first data byte is the EEPROM's word address.
-    KII_INIT_CONFIG c = master_config(0);
-    ASSERT_EQ(KII_InitI2C(1, 0, 0, &c), 0);
-    EXPECT_EQ(sim::i2c_channel(0, 0).sub_addr_width, 0);
-    uint8_t bytes[] = {0x30, 0x77};
-    ASSERT_EQ(KII_WriteBytes(1, 0, 0, kEeprom, 0xFFFFFF, bytes, 2), 0);
-    EXPECT_EQ(sim::i2c_eeprom(0, 0, 0x50).at(0x30), 0x77);
+    // The EEPROM takes the first byte after its address as the word address and stores the rest,
+    // so its contents show every byte that went on the bus: the sub-address's low bytes, the data.
+    const struct {
+        uint8_t width;
+        uint32_t sub;
+        Bytes stored;  // from address `stored[0]` on
+    } cases[] = {{0, 0xFFFFFF, {0x30, 0x77}},
+                 {1, 0x00001234, {0x34, 0x30, 0x77}},
+                 {2, 0x00001234, {0x12, 0x34, 0x30, 0x77}},
+                 {3, 0x00A1B2C3, {0xA1, 0xB2, 0xC3, 0x30, 0x77}},
+                 {4, 0x0102FE07, {0x01, 0x02, 0xFE, 0x07, 0x30, 0x77}}};
+    uint8_t data[] = {0x30, 0x77};
+    for (const auto& c : cases) {
+        KII_INIT_CONFIG config = master_config(c.width);
+        ASSERT_EQ(KII_InitI2C(1, 0, 0, &config), 0);
+        EXPECT_EQ(sim::i2c_channel(0, 0).sub_addr_width, c.width);
+        sim::set_i2c_eeprom(0, 0, 0x50, Bytes(256, 0));
+        ASSERT_EQ(KII_WriteBytes(1, 0, 0, kEeprom, c.sub, data, 2), 0);
+        Bytes expected(256, 0);
+        std::copy(c.stored.begin() + 1, c.stored.end(), expected.begin() + c.stored[0]);
+        EXPECT_EQ(sim::i2c_eeprom(0, 0, 0x50), expected) << int(c.width);
+    }
 }
 
 TEST_F(I2cAdapter, SlaveRoundTrip) {
@@ -114,6 +141,16 @@ TEST_F(I2cAdapter, SlaveRoundTrip) {
     EXPECT_EQ(n, 3);
     EXPECT_EQ(Bytes(got, got + 3), (Bytes{0xCA, 0xFE, 0x01}));
     EXPECT_FALSE(sim::i2c_master_write(0, 0, {1}));  // channel 0 is a master
+
+    // More than the receive buffer holds behind a reply header comes in two reads.
+    Bytes written(10233 + 12);
+    for (std::size_t i = 0; i < written.size(); ++i) written[i] = static_cast<uint8_t>(i * 7);
+    ASSERT_TRUE(sim::i2c_master_write(0, 1, written));
+    static uint8_t block[10240];
+    ASSERT_EQ(KII_SlaveReadBytes(1, 0, 1, block, &n), 0);
+    EXPECT_EQ(Bytes(block, block + n), Bytes(written.begin(), written.begin() + 10233));
+    ASSERT_EQ(KII_SlaveReadBytes(1, 0, 1, block, &n), 0);
+    EXPECT_EQ(Bytes(block, block + n), Bytes(written.begin() + 10233, written.end()));
 }
 
 TEST_F(I2cAdapter, PinEventTransferRunsWhenItsEventComes) {

@@ -130,17 +130,19 @@ TEST_F(Firmware, UserDataStaysInsideTheArea) {
 TEST_F(Firmware, UserDataPersistsInTheStateDirectory) {
     set_user_data(0, 5, {0x12, 0x34});
     ask(frame(MSG_KD_WRITE_USER_DATA, be32(7) + Bytes{0x56}));
-    EXPECT_EQ(std::filesystem::file_size(std::filesystem::path(dir_) / "CV0000000001" / "userdata.bin"),
-              2048u);
+    EXPECT_EQ(
+        std::filesystem::file_size(std::filesystem::path(state_dir()) / "CV0000000001" / "userdata.bin"),
+        2048u);
     rebuild({adapter("CV0000000001"), adapter("OTHER")});
     const Bytes kept = user_data(0);
     EXPECT_EQ(Bytes(kept.begin() + 5, kept.begin() + 8), (Bytes{0x12, 0x34, 0x56}));
     EXPECT_EQ(user_data(1), Bytes(2048, 0xFF));
     // Another state directory holds other contents; an unusable one keeps them in memory.
-    set_state_dir(dir_ + "/elsewhere");
+    const std::string dir = state_dir();
+    set_state_dir(dir + "/elsewhere");
     EXPECT_EQ(user_data(0), Bytes(2048, 0xFF));
-    std::ofstream(dir_ + "/file") << "not a directory";
-    set_state_dir(dir_ + "/file");
+    std::ofstream(dir + "/file") << "not a directory";
+    set_state_dir(dir + "/file");
     set_user_data(0, 0, {1});
     EXPECT_EQ(user_data(0)[0], 1);
 }

@@ -1,9 +1,8 @@
-// The firmware model's I2C side, driven with raw frames: malformed requests, sub-address widths and
-// 10-bit addresses, the sensor's rounding, slave collects split to the host's buffer, pin-event
-// clearing, and the control API on adapters and channels that do not exist.
+// The firmware model's I2C side where the library does not lead it, driven with raw frames:
+// malformed requests, any payload, 10-bit addresses and channels, and the control API on adapters
+// and channels that do not exist. What the library sends is covered by tests/i2c/behaviour_test.cpp.
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <random>
 
 #include "CorvelMsg.h"
@@ -13,8 +12,7 @@
 namespace corvel::sim::test {
 namespace {
 
-constexpr uint8_t kNack = 0xEE;          // marks "no single status byte came back"
-constexpr std::size_t kCollect = 10233;  // a slave collect's most data: the host's buffer less the header
+constexpr uint8_t kNack = 0xEE;  // marks "no single status byte came back"
 
 Bytes be16(uint16_t v) {
     return {uint8_t(v >> 8), uint8_t(v)};
@@ -25,10 +23,6 @@ Bytes config(uint8_t channel, uint8_t width = 1, uint8_t addr_type = 7, uint8_t 
 }
 Bytes transfer(uint16_t addr, uint32_t sub, uint8_t channel) {
     return be16(addr) + be32(sub) + Bytes{channel};
-}
-// A data answer as the adapter sends it: header (code, status, length), then the data.
-Bytes data_answer(uint32_t code, uint8_t state, const Bytes& data) {
-    return be32(code) + Bytes{state} + be16(uint16_t(data.size())) + data;
 }
 
 class I2c : public SimTest {
@@ -93,7 +87,7 @@ TEST_F(I2c, MalformedRequestsGetTheirOperationsErrorStatus) {
     EXPECT_TRUE(i2c_timing(0).empty());
     // Remaining bytes of no channel: a reply frame, with the transfer error status.
     for (const Bytes& p : {Bytes{}, Bytes{21}})
-        EXPECT_EQ(ask(MSG_KD_SLAVE_WRITE_REMAIN, p), data_answer(MSG_KD_SLAVE_WRITE_REMAIN_FB, 3, {0, 0}));
+        EXPECT_EQ(ask(MSG_KD_SLAVE_WRITE_REMAIN, p), reply(MSG_KD_SLAVE_WRITE_REMAIN_FB, 3, {0, 0}));
 }
 
 TEST_F(I2c, AnyPayloadIsAnsweredAndTheAdapterCarriesOn) {
@@ -116,27 +110,6 @@ TEST_F(I2c, AnyPayloadIsAnsweredAndTheAdapterCarriesOn) {
     EXPECT_TRUE(unknown_messages(0).empty());
     ASSERT_EQ(status(MSG_KD_REQUEST_SET_IIC_INFORMATION, config(0)), MSG_I2C_NINT_OK);
     EXPECT_EQ(bus_read(0x90, 2, 2).size(), 2u);
-}
-
-TEST_F(I2c, SubAddressWidthPutsItsLowBytesOnTheBus) {
-    // The EEPROM takes the first byte after its address as the word address and stores the rest,
-    // so its contents show every byte that went on the bus.
-    const struct {
-        uint8_t width;
-        uint32_t sub;
-        Bytes stored;  // from address `stored[0]` on
-    } cases[] = {{1, 0x00001234, {0x34, 0xAA}},
-                 {2, 0x00001234, {0x12, 0x34, 0xAA}},
-                 {3, 0x00A1B2C3, {0xA1, 0xB2, 0xC3, 0xAA}},
-                 {4, 0x0102FE07, {0x01, 0x02, 0xFE, 0x07, 0xAA}}};
-    for (const auto& c : cases) {
-        ASSERT_EQ(status(MSG_KD_REQUEST_SET_IIC_INFORMATION, config(0, c.width)), MSG_I2C_NINT_OK);
-        set_i2c_eeprom(0, 0, 0x50, Bytes(256, 0));
-        ASSERT_EQ(write_to(0xA0, c.sub, {0xAA}), MSG_I2C_WRITE_DATA_OK);
-        Bytes expected(256, 0);
-        std::copy(c.stored.begin() + 1, c.stored.end(), expected.begin() + c.stored[0]);
-        EXPECT_EQ(i2c_eeprom(0, 0, 0x50), expected) << int(c.width);
-    }
 }
 
 TEST_F(I2c, AddressFormsAndChannelsKeepPartsApart) {
@@ -166,32 +139,6 @@ TEST_F(I2c, AddressFormsAndChannelsKeepPartsApart) {
     // Removing the 7-bit part 0x50 of channel 2 (there is none) leaves the 10-bit part in place.
     i2c_detach(0, 2, 0x50);
     EXPECT_EQ(bus_read(0x0050, 0x01, 1, 2), Bytes{0x42});
-}
-
-TEST_F(I2c, TemperatureSensorRoundsAndClamps) {
-    const std::pair<int, Bytes> temperatures[] = {
-        {25300, {0x19, 0x00}},  {-5700, {0xFA, 0x00}},  {-1, {0xFF, 0x80}},     {499, {0x00, 0x00}},
-        {127999, {0x7F, 0x80}}, {200000, {0x7F, 0x80}}, {INT_MIN, {0x80, 0x00}}};
-    for (const auto& [milli, reg] : temperatures) {
-        set_temperature(0, 0, 0x48, milli);
-        EXPECT_EQ(bus_read(0x90, 0, 4), reg + reg) << milli;  // the two bytes, then again
-    }
-    // A pointer beyond the last register is not acknowledged.
-    EXPECT_EQ(write_to(0x90, 4, {}), MSG_I2C_WRITE_DATA_ERROR);
-    EXPECT_EQ(bus_read(0x90, 4, 1), Bytes{kNack});
-}
-
-// What the master wrote comes in blocks that fit the host's buffer.
-TEST_F(I2c, SlaveCollectsAreSplitToTheHostsBuffer) {
-    ASSERT_EQ(status(MSG_KD_REQUEST_SET_IIC_INFORMATION, config(5, 0, 7, 0)), MSG_I2C_NINT_OK);
-    Bytes written(kCollect + 12);
-    for (std::size_t i = 0; i < written.size(); ++i) written[i] = uint8_t(i * 7);
-    ASSERT_TRUE(i2c_master_write(0, 5, written));
-    const auto collect = [&](std::size_t from, std::size_t to) {
-        return data_answer(MSG_KD_SLAVE_READ_FB, 12, Bytes(written.begin() + from, written.begin() + to));
-    };
-    EXPECT_EQ(ask(MSG_KD_SLAVE_READ, {5}), collect(0, kCollect));
-    EXPECT_EQ(ask(MSG_KD_SLAVE_READ, {5}), collect(kCollect, written.size()));
 }
 
 TEST_F(I2c, ControlApiIsHarmlessOnUnknownAdaptersAndChannels) {

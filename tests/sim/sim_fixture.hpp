@@ -1,20 +1,16 @@
-// Shared set-up of the virtual adapter tests: a fresh state directory, capture and the virtual
-// clock on, the buses read, and small helpers for frames and transfers.
+// Shared set-up of the virtual adapter tests: the kit's adapter fixture with the buses read and a
+// handle open, and small helpers for raw frames and transfers.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <usb.h>
 
-#include <filesystem>
-#include <string>
-
-#include "wire.hpp"
+#include "adapter_fixture.hpp"
 
 namespace corvel::sim::test {
 
 using corvel::test::adapter;
 using corvel::test::Bytes;
+using corvel::test::reply;
 
 inline Bytes be32(uint32_t v) {
     return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
@@ -38,27 +34,25 @@ struct Read {
     Bytes data;
 };
 
-class SimTest : public testing::Test {
+// One adapter with the default serial on the bus (see VirtualAdapters::reset), read, and its first
+// handle `h` open; the capture empty.
+class SimTest : public corvel::test::VirtualAdapters {
   protected:
     void SetUp() override {
-        dir_ = (std::filesystem::temp_directory_path() / "corvel-sim-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(dir_.data()), nullptr);
-        set_state_dir(dir_);
-        clear_faults();
-        virtual_clock(true);
-        reset_clock();
-        rebuild({adapter("CV0000000001")});
+        reset({adapter("CV0000000001")});
+        read_bus();
     }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
 
-    // Configures the bus afresh, reads it and opens the first device, with an empty capture.
+    // Configures the bus afresh, keeping the state directory, reads it and opens the first device.
     void rebuild(const std::vector<AdapterSpec>& adapters) {
         configure(adapters);
+        read_bus();
+    }
+    void read_bus() {
         usb_init();
         usb_find_busses();
         usb_find_devices();
         h = open();
-        capture(true);
         clear_records();
     }
 
@@ -91,7 +85,6 @@ class SimTest : public testing::Test {
     }
     Bytes ask(uint32_t code, const Bytes& payload) { return ask(frame(code, payload)); }
 
-    std::string dir_;
     usb_dev_handle* h = nullptr;
 };
 
