@@ -23,9 +23,22 @@ constexpr int kMasterFetchTimeoutMs = 500;
 constexpr int kEventFetchTimeoutMs = 1000;
 constexpr int kUserDataReadTimeoutMs = 1000;
 
-// A read answer must fit the 10240-byte receive buffer behind its reply header.
-bool read_too_long(uint16_t Len) {
-    return Len > proto::kReceiveDataMax;
+// Type, connection, pointers, then the channel index against the family's limit: the checks every
+// transfer makes before it sends.
+template <typename... Ptr>
+int32_t check_transfer(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, const Ptr*... pointers) {
+    return Check(kI2c, DevType, DevIndex).not_null(pointers...).channel(I2CIndex, i2c::kMaxChannel);
+}
+
+// The same for a transfer that reads: its answer must also fit the 10240-byte receive buffer behind
+// its reply header.
+template <typename... Ptr>
+int32_t check_read(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t Len,
+                   const Ptr*... pointers) {
+    return Check(kI2c, DevType, DevIndex)
+        .not_null(pointers...)
+        .channel(I2CIndex, i2c::kMaxChannel)
+        .require(Len <= proto::kReceiveDataMax, KD_ERR_DATA_FORMAT);
 }
 
 // Slave address, sub-address (always 4 bytes) and channel: how every master request starts.
@@ -105,10 +118,7 @@ int32_t KII_InitI2C(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, PKII_IN
 // Seven of the fields go out, each as a zero byte and its low byte: values above 255 lose their
 // high byte. Intended; the channel index is not part of the request.
 int32_t KII_TimeConfig(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, PKII_TIME_CONFIG pTimeConfig) {
-    if (const int32_t r =
-            Check(kI2c, DevType, DevIndex).not_null(pTimeConfig).channel(I2CIndex, i2c::kMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, pTimeConfig); r != 0) return r;
     const KII_TIME_CONFIG& t = *pTimeConfig;
     Request request(MSG_KD_REQUEST_SOFT_SET_IIC_TIME_ONE_INFORMATION);
     for (uint16_t v : {t.tSU_STA, t.tHD_STA, t.tLOW, t.tHIGH, t.tSU_DAT, t.tSU_STO, t.tBuf})
@@ -124,10 +134,7 @@ int32_t KII_PullupConfig(int32_t, int32_t, int32_t, uint32_t) {
 // A transfer goes as one frame, never split.
 int32_t KII_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t Addr, uint32_t SubAddr,
                        uint8_t* pWriteData, uint16_t Len) {
-    if (const int32_t r =
-            Check(kI2c, DevType, DevIndex).not_null(pWriteData).channel(I2CIndex, i2c::kMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, pWriteData); r != 0) return r;
     Request request(MSG_KD_REQUEST_IIC_ADDR_DATAS_TRAN);
     addressed(request, Addr, SubAddr, I2CIndex).bytes(pWriteData, Len);
     return request_status(DevIndex, request, MSG_I2C_WRITE_DATA_OK);
@@ -135,12 +142,7 @@ int32_t KII_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint
 
 int32_t KII_ReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t Addr, uint32_t SubAddr,
                       uint8_t* pReadData, uint16_t Len) {
-    if (const int32_t r = Check(kI2c, DevType, DevIndex)
-                              .not_null(pReadData)
-                              .channel(I2CIndex, i2c::kMaxChannel)
-                              .require(!read_too_long(Len), KD_ERR_DATA_FORMAT);
-        r != 0)
-        return r;
+    if (const int32_t r = check_read(DevType, DevIndex, I2CIndex, Len, pReadData); r != 0) return r;
     Request request(MSG_KD_REQUEST_IIC_DATAS_READ);
     addressed(request, Addr, SubAddr, I2CIndex).be16(Len);
     return read_transfer(DevIndex, request, pReadData, Len, kMasterFetchTimeoutMs);
@@ -150,11 +152,7 @@ int32_t KII_WriteReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, 
                            uint32_t WriteSubAddr, uint8_t* pWriteData, uint16_t WriteLen,
                            uint32_t ReadSubAddr, uint8_t* pReadData, uint16_t ReadLen,
                            uint16_t IntervalTime) {
-    if (const int32_t r = Check(kI2c, DevType, DevIndex)
-                              .not_null(pWriteData, pReadData)
-                              .channel(I2CIndex, i2c::kMaxChannel)
-                              .require(!read_too_long(ReadLen), KD_ERR_DATA_FORMAT);
-        r != 0)
+    if (const int32_t r = check_read(DevType, DevIndex, I2CIndex, ReadLen, pWriteData, pReadData); r != 0)
         return r;
     Request request(MSG_KD_REQUEST_WRITE_READ);
     addressed(request, SlaveAddr, WriteSubAddr, I2CIndex)
@@ -167,10 +165,7 @@ int32_t KII_WriteReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, 
 
 int32_t KII_SlaveWriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint8_t* pWriteData,
                             uint16_t Len) {
-    if (const int32_t r =
-            Check(kI2c, DevType, DevIndex).not_null(pWriteData).channel(I2CIndex, i2c::kMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, pWriteData); r != 0) return r;
     Request request(MSG_KD_SLAVE_WRITE);
     request.payload().u8(static_cast<uint32_t>(I2CIndex)).bytes(pWriteData, Len);
     return request_status(DevIndex, request, MSG_I2C_WRITE_DATA_OK);
@@ -180,10 +175,7 @@ int32_t KII_SlaveWriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex,
 // A bare reply header means no data (-7). *pLen is written only on success.
 int32_t KII_SlaveReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint8_t* pReadData,
                            uint16_t* pLen) {
-    if (const int32_t r =
-            Check(kI2c, DevType, DevIndex).not_null(pLen, pReadData).channel(I2CIndex, i2c::kMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, pLen, pReadData); r != 0) return r;
     Request request(MSG_KD_SLAVE_READ);
     request.payload().u8(static_cast<uint32_t>(I2CIndex));
     if (send(DevIndex, request) != 0) return KD_ERR_USB_WRITE_FAIL;
@@ -215,12 +207,7 @@ int32_t KII_SlaveWriteRemain(int32_t DevType, int32_t DevIndex, int32_t I2CIndex
 int32_t KII_PinEventReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t EventPin,
                               uint16_t EventType, uint16_t SlaveAddr, uint32_t SubAddr, uint8_t* pReadData,
                               uint16_t Len, int32_t TimeOutMs) {
-    if (const int32_t r = Check(kI2c, DevType, DevIndex)
-                              .not_null(pReadData)
-                              .channel(I2CIndex, i2c::kMaxChannel)
-                              .require(!read_too_long(Len), KD_ERR_DATA_FORMAT);
-        r != 0)
-        return r;
+    if (const int32_t r = check_read(DevType, DevIndex, I2CIndex, Len, pReadData); r != 0) return r;
     Request request(MSG_KD_EVENT_READ);
     addressed(request, SlaveAddr, SubAddr, I2CIndex)
         .be16(Len)
@@ -233,10 +220,7 @@ int32_t KII_PinEventReadBytes(int32_t DevType, int32_t DevIndex, int32_t I2CInde
 int32_t KII_PinEventWriteBytes(int32_t DevType, int32_t DevIndex, int32_t I2CIndex, uint16_t EventPin,
                                uint16_t EventType, uint16_t SlaveAddr, uint32_t SubAddr, uint8_t* pWriteData,
                                uint16_t Len, int32_t TimeOutMs) {
-    if (const int32_t r =
-            Check(kI2c, DevType, DevIndex).not_null(pWriteData).channel(I2CIndex, i2c::kMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_transfer(DevType, DevIndex, I2CIndex, pWriteData); r != 0) return r;
     Request request(MSG_KD_EVENT_WRITE);
     addressed(request, SlaveAddr, SubAddr, I2CIndex)
         .be16(EventPin)
