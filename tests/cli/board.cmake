@@ -10,6 +10,15 @@ corvel_cli_test(list.two_adapters ENV CORVEL_SIM=2
   CHECK --out "0  CV[0-9A-Z]+" --out "1  CV[0-9A-Z]+" --out-lines 2 --no-err -- ${CORVEL} --sim list)
 corvel_cli_test(list.no_adapter ENV CORVEL_SIM=0
   CHECK --status 1 --err "corvel: no adapter found" --out-lines 0 -- ${CORVEL} --sim list)
+# Without --sim (here: the drop-in preloaded by hand, so no adapter is certain), the error lines
+# point at --sim.
+set(NO_SIM_FLAG CORVEL_SIM=0 LD_PRELOAD=${CORVEL_SIM_DIR}/libusb-0.1.so.4)
+corvel_cli_test(list.no_adapter_hints_at_sim ENV ${NO_SIM_FLAG}
+  CHECK --status 1 --err "corvel: no adapter found \\(corvel --sim \\.\\.\\. runs on the virtual adapter\\)"
+        --out-lines 0 -- ${CORVEL} list)
+corvel_cli_test(version.open_failure_hints_at_sim ENV ${NO_SIM_FLAG}
+  CHECK --status 1 --err "corvel: open adapter 0: Open device failed \\(-8\\) \\(corvel --sim .* virtual adapter\\)"
+        -- ${CORVEL} version)
 # Other USB devices on the bus are not adapters; an adapter without a serial string shows "-".
 corvel_cli_test(list.skips_other_devices
   CHECK --env "CORVEL_SIM=vid=0x1234$<SEMICOLON>serial=-$<SEMICOLON>serial=CV7"

@@ -49,12 +49,12 @@ std::vector<std::optional<std::string>> read_serials() {
 }
 
 int list_adapters() {
-    if (KD_EnumBoard(1) == 0) return fail("no adapter found");
+    if (KD_EnumBoard(1) == 0) return fail_no_adapter();
     auto serials = read_serials();
     std::vector<std::string> keys;
     for (const auto& s : serials) keys.push_back(s.value_or(""));
     auto indices = scan_indices(keys);
-    if (indices.empty()) return fail("no adapter found");
+    if (indices.empty()) return fail_no_adapter();
 
     auto width = fmt::formatted_size("{}", indices.back());
     for (std::size_t i = 0; i < serials.size(); ++i) {
@@ -65,7 +65,7 @@ int list_adapters() {
 }
 
 int show_version(int32_t dev) {
-    if (int32_t rc = KD_OpenBoard(dev); rc != 0) return fail(fmt::format("open adapter {}", dev), rc);
+    if (int32_t rc = KD_OpenBoard(dev); rc != 0) return fail_open(dev, rc);
     std::array<uint8_t, proto::kCommandSize> answer{};
     int32_t rc = KD_ExecuteCommand(KD_CMD_GET_CORVEL_VN, 0, dev, answer.data());
     int status = 0;

@@ -8,6 +8,7 @@
 #include <fmt/core.h>
 
 #include "CorvelBoard.h"
+#include "virtual_adapter.hpp"
 
 namespace corvel::cli {
 
@@ -61,6 +62,22 @@ int fail(std::string_view what, int32_t code) {
 
 int fail(std::string_view message) {
     fmt::print(stderr, "corvel: {}\n", message);
+    return kExitFailure;
+}
+
+namespace {
+std::string_view sim_hint() {
+    return on_virtual_adapter() ? "" : " (corvel --sim ... runs on the virtual adapter)";
+}
+}  // namespace
+
+int fail_no_adapter() {
+    return fail(fmt::format("no adapter found{}", sim_hint()));
+}
+
+int fail_open(int32_t dev, int32_t code) {
+    fmt::print(stderr, "corvel: open adapter {}: {} ({}){}\n", dev, error_text(code), code,
+               code == KD_ERR_OPEN_DEVICE ? sim_hint() : std::string_view());
     return kExitFailure;
 }
 

@@ -27,6 +27,11 @@ std::string error_text(int32_t code);
 int fail(std::string_view what, int32_t code);
 // Prints "corvel: <message>" on stderr and returns kExitFailure.
 int fail(std::string_view message);
+// The error lines of an adapter that is not there: "corvel: no adapter found", and the open
+// failure "corvel: open adapter <dev>: <library text> (<code>)". On USB hardware the line ends with
+// a hint that --sim runs the command on the virtual adapter.
+int fail_no_adapter();
+int fail_open(int32_t dev, int32_t code);
 
 // One line of a progress bar: "label [#####.....]  50%  512/1024" with a bar `width` cells wide.
 std::string progress_line(std::string_view label, uint64_t done, uint64_t total, int width = 30);

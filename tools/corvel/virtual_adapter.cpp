@@ -19,7 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kSelf = "/proc/self/exe";
-constexpr const char* kMarker = "CORVEL_SIM_ACTIVE";
 
 bool is_file(const fs::path& path) {
     std::error_code ec;
@@ -65,7 +64,7 @@ void append_env(const char* name, const std::string& value, char sep) {
 }  // namespace
 
 int enter_virtual_adapter(char** argv) {
-    if (std::getenv(kMarker) != nullptr) return 0;
+    if (std::getenv(kVirtualAdapterMarker) != nullptr) return 0;
     auto drop_in = find_drop_in();
     if (!drop_in) return kExitUsage;
 
@@ -74,7 +73,7 @@ int enter_virtual_adapter(char** argv) {
     // ASan insists on being first in the initial library list; the preloaded drop-in comes first.
     append_env("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
 #endif
-    setenv(kMarker, "1", 1);
+    setenv(kVirtualAdapterMarker, "1", 1);
     execv(kSelf, argv);
     fail(fmt::format("cannot re-run {} on the virtual adapter: {}", kSelf, std::strerror(errno)));
     return kExitFailure;

@@ -1,7 +1,16 @@
 // `--sim`: running the tool on the virtual adapter.
 #pragma once
 
+#include <cstdlib>
+
 namespace corvel::cli {
+
+// Set in the environment of a process that runs on the virtual adapter.
+inline constexpr const char* kVirtualAdapterMarker = "CORVEL_SIM_ACTIVE";
+
+inline bool on_virtual_adapter() {
+    return std::getenv(kVirtualAdapterMarker) != nullptr;
+}
 
 // Makes this process run on the virtual adapter. Unless CORVEL_SIM_ACTIVE says that this was done
 // already, the program re-executes itself (/proc/self/exe, same arguments) with the drop-in
