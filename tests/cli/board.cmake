@@ -11,8 +11,9 @@ corvel_cli_test(list.two_adapters ENV CORVEL_SIM=2
 corvel_cli_test(list.no_adapter ENV CORVEL_SIM=0
   CHECK --status 1 --err "corvel: no adapter found" --out-lines 0 -- ${CORVEL} --sim list)
 # Without --sim (here: the drop-in preloaded by hand, so no adapter is certain), the error lines
-# point at --sim.
-set(NO_SIM_FLAG CORVEL_SIM=0 LD_PRELOAD=${CORVEL_SIM_DIR}/libusb-0.1.so.4)
+# point at --sim. In an ASan build the preloaded drop-in comes before the ASan runtime, which must
+# then be told that this is fine.
+set(NO_SIM_FLAG CORVEL_SIM=0 LD_PRELOAD=${CORVEL_SIM_DIR}/libusb-0.1.so.4 ASAN_OPTIONS=verify_asan_link_order=0)
 corvel_cli_test(list.no_adapter_hints_at_sim ENV ${NO_SIM_FLAG}
   CHECK --status 1 --err "corvel: no adapter found \\(corvel --sim \\.\\.\\. runs on the virtual adapter\\)"
         --out-lines 0 -- ${CORVEL} list)
