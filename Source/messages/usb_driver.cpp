@@ -111,36 +111,39 @@ uint8_t USB_SendMsg(int32_t dev, S_MSG* msg) {
     return 0;
 }
 
-// A reply counts only when the read returns a full 512-byte packet, whatever its payload length.
-uint8_t USB_GetMsg(int32_t dev, S_MSG* msg, std::size_t capacity) {
-    Buffers* b = buffers();
-    if (b == nullptr) return fail_receive(msg);
-    auto& packet = b->packet;
-    packet.fill(0);
-    const int32_t n =
-        read(dev, packet.data(), static_cast<int32_t>(packet.size()), kPacketTimeoutMs, ReadMode::Retrying);
-    if (n != static_cast<int32_t>(packet.size())) return fail_receive(msg);
-    decode_reply_header(packet.data(), msg);
-    copy_payload(msg, packet.data() + proto::kReplyHeaderSize,
-                 std::min({static_cast<std::size_t>(msg->size), proto::kPacketPayloadMax, capacity}));
-    return 0;
-}
+namespace {
 
-uint8_t USB_GetMsgWithSize(int32_t dev, S_MSG* msg, std::size_t capacity) {
+// Reads exactly `want` bytes (header included) into the thread's packet buffer; the header then
+// fills message, status and size, and the payload copy is bounded by the announced size, by what
+// arrived and by `capacity`. Anything but exactly `want` bytes fails.
+uint8_t receive_packet(int32_t dev, S_MSG* msg, int64_t want, int timeout_ms, std::size_t capacity) {
     Buffers* b = buffers();
     if (b == nullptr) return fail_receive(msg);
     auto& packet = b->packet;
     packet.fill(0);
-    const int64_t want = int64_t{msg->size} + static_cast<int64_t>(proto::kReplyHeaderSize);
-    if (msg->size < 0 || want > static_cast<int64_t>(packet.size())) return fail_receive(msg);
-    const int32_t n =
-        read(dev, packet.data(), static_cast<int32_t>(want), kExactReadTimeoutMs, ReadMode::Retrying);
+    if (want < static_cast<int64_t>(proto::kReplyHeaderSize) || want > static_cast<int64_t>(packet.size()))
+        return fail_receive(msg);
+    const int32_t n = read(dev, packet.data(), static_cast<int32_t>(want), timeout_ms, ReadMode::Retrying);
     if (n != want) return fail_receive(msg);
     decode_reply_header(packet.data(), msg);
     const std::size_t received = static_cast<std::size_t>(n) - proto::kReplyHeaderSize;
     copy_payload(msg, packet.data() + proto::kReplyHeaderSize,
                  std::min({static_cast<std::size_t>(msg->size), received, capacity}));
     return 0;
+}
+
+}  // namespace
+
+// A reply counts only when the read returns a full 512-byte packet, whatever its payload length;
+// at most the 505 bytes behind the header are copied.
+uint8_t USB_GetMsg(int32_t dev, S_MSG* msg, std::size_t capacity) {
+    return receive_packet(dev, msg, static_cast<int64_t>(proto::kPacketSize), kPacketTimeoutMs, capacity);
+}
+
+uint8_t USB_GetMsgWithSize(int32_t dev, S_MSG* msg, std::size_t capacity) {
+    if (msg->size < 0) return fail_receive(msg);
+    return receive_packet(dev, msg, int64_t{msg->size} + static_cast<int64_t>(proto::kReplyHeaderSize),
+                          kExactReadTimeoutMs, capacity);
 }
 
 uint8_t USB_GetMsgEx(int32_t dev, S_MSG* msg, std::size_t capacity) {
