@@ -18,7 +18,7 @@ namespace {
 // message. (About 216 KB: on the heap rather than in thread-local storage, which would cost every
 // thread of the process that much, whatever its stack size.)
 struct Buffers {
-    std::array<uint8_t, proto::kSendBufferSize> send;
+    std::array<uint8_t, proto::kSendFrameMax> send;
     std::array<uint8_t, proto::kPacketSize> packet;
     std::array<uint8_t, proto::kLongReplyBufferSize> long_reply;
     std::array<uint8_t, proto::kReceiveBufferSize> receive;
@@ -94,10 +94,10 @@ uint8_t USB_SendMsg(int32_t dev, S_MSG* msg) {
         h.be32(static_cast<uint32_t>(msg->size));
     else
         h.be16(static_cast<uint32_t>(msg->size) & 0xFFFF);
-    // The frame must fit the send buffer (payload at most 102793 bytes, or 102791 with the long
+    // The frame must fit the frame store (payload at most 102801 bytes, or 102799 with the long
     // header); one that does not fails as a short write would.
     const int64_t length = int64_t{msg->size} + static_cast<int64_t>(header);
-    if (msg->size < 0 || length > static_cast<int64_t>(proto::kSendBufferSize)) return 1;
+    if (msg->size < 0 || length > static_cast<int64_t>(proto::kSendFrameMax)) return 1;
     if (msg->size > 0) {
         if (msg->lParam == nullptr) return 1;
         if (msg->lParam != buf + header)
@@ -222,7 +222,7 @@ int32_t USB_ReadCommandAnswer(int32_t dev, uint8_t* answer) {
 namespace {
 std::span<uint8_t> payload_span(uint8_t* area, int32_t code) {
     if (area == nullptr) return {};
-    return {area, proto::kSendBufferSize - proto::request_header_size(static_cast<uint32_t>(code))};
+    return {area, proto::kSendFrameMax - proto::request_header_size(static_cast<uint32_t>(code))};
 }
 uint8_t* payload_area(int32_t code) {
     Buffers* b = buffers();

@@ -36,9 +36,9 @@ inline constexpr int kPipeBulkIn = 130;
 
 // ---- Frames ----------------------------------------------------------------------------------
 
-inline constexpr std::size_t kShortHeaderSize = 7;  // code (4), packet number (1), size (2)
-inline constexpr std::size_t kLongHeaderSize = 9;   // code (4), packet number (1), size (4)
-inline constexpr std::size_t kReplyHeaderSize = 7;  // code (4), status (1), size (2): replies only
+inline constexpr std::size_t kShortHeaderSize = 7;       // code (4), packet number (1), size (2)
+inline constexpr std::size_t kLongHeaderSize = 9;        // code (4), packet number (1), size (4)
+inline constexpr std::size_t kReplyHeaderSize = 7;       // code (4), status (1), size (2): replies only
 inline constexpr uint32_t kLongHeaderFirstCode = 32768;  // codes from here on carry a 32-bit size
 
 constexpr std::size_t request_header_size(uint32_t code) {
@@ -50,7 +50,12 @@ inline constexpr std::size_t kCommandSize = 8;  // interrupt request and answer
 // ---- Buffers ---------------------------------------------------------------------------------
 
 inline constexpr std::size_t kSendBufferSize = 102800;  // one request frame, header included
-inline constexpr std::size_t kPacketSize = 512;         // one reply packet
+// The largest request frame that goes out. The SPI family cuts its longest transfers at lengths
+// whose frames run a few bytes past the 102800-byte send buffer (the bit write-read: 102792 packed
+// bytes, two 4-byte counts and the channel behind a 7-byte header); the adapter takes such frames
+// whole, so the frame store has room for them and no byte is sent from beyond it.
+inline constexpr std::size_t kSendFrameMax = 102808;
+inline constexpr std::size_t kPacketSize = 512;                                   // one reply packet
 inline constexpr std::size_t kPacketPayloadMax = kPacketSize - kReplyHeaderSize;  // 505
 inline constexpr std::size_t kLongReplyBufferSize = 102800;
 inline constexpr std::size_t kReceiveBufferSize = 10240;  // raw data answers, reply header included
@@ -75,7 +80,7 @@ inline constexpr std::size_t kProductInfoSize =
 // ---- Per-family limits -----------------------------------------------------------------------
 
 namespace i2c {
-inline constexpr int kChannels = 21;             // channel indices 0 to 20
+inline constexpr int kChannels = 21;  // channel indices 0 to 20
 inline constexpr int32_t kMaxChannel = kChannels - 1;
 inline constexpr int32_t kSlaveRemainMaxChannel = 2;  // the remaining-bytes request's own limit
 inline constexpr uint32_t kMinClockHz = 1000;
@@ -84,6 +89,30 @@ inline constexpr uint8_t kMaxSubAddrWidth = 4;
 inline constexpr std::size_t kTimingValues = 7;  // fields of the timing request
 inline constexpr int32_t kUserDataSize = 2048;   // the adapter's non-volatile user-data area
 }  // namespace i2c
+
+namespace spi {
+// Channel limits differ by function, as the adapter has always had them.
+inline constexpr int32_t kMaxChannel = 15;        // byte writes and write-reads
+inline constexpr int32_t kReadMaxChannel = 4;     // byte reads, bit transfers, block transfers
+inline constexpr int32_t kMwInitMaxChannel = 32;  // Microwire description
+inline constexpr int32_t kMwMaxChannel = 15;      // Microwire transfers
+inline constexpr uint8_t kMaxControlMode = 3;
+inline constexpr uint8_t kMinTranBits = 1;
+inline constexpr uint8_t kMaxTranBits = 16;
+inline constexpr uint32_t kMinClockHz = 1000;
+inline constexpr uint32_t kMaxClockHz = 42000000;
+inline constexpr uint32_t kMaxClockHzEx = 36000000;  // the extended configuration's lower ceiling
+inline constexpr uint32_t kLongWriteMax = 102790;    // write bytes of the long write-read
+inline constexpr int32_t kWriteBitsMax = 822336;     // 102792 packed bytes
+inline constexpr int32_t kReadBitsMax = 822400;      // 102800 packed bytes
+inline constexpr int32_t kBlockWriteMax = 102784;
+inline constexpr int32_t kBlockReadMax = 102800;
+inline constexpr int32_t kBlockWriteReadMax = 102782;  // the written part only
+inline constexpr std::size_t kSlaveReadMax = 10240;
+inline constexpr std::size_t kFlashCommandBytes = 7;  // command bytes of one flash sequence
+inline constexpr int kDataTimeoutMs = 5000;           // raw data reads
+inline constexpr int kFlashReadTimeoutMs = 2000;      // the flash engine's data read
+}  // namespace spi
 
 // ---- Big-endian fields -----------------------------------------------------------------------
 

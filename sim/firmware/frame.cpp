@@ -7,8 +7,8 @@ namespace corvel::sim::fw {
 FrameAssembler::Result FrameAssembler::feed(std::span<const uint8_t> bytes) {
     if (complete_) clear();
     if (bytes.empty()) return buffer_.empty() && !overflow_ ? Result::Pending : finish();
-    // No host frame is longer than its send buffer: the rest of such a transfer is not kept.
-    const std::size_t room = proto::kSendBufferSize - buffer_.size();
+    // No host frame is longer than the library's frame store: the rest of such a transfer is not kept.
+    const std::size_t room = proto::kSendFrameMax - buffer_.size();
     if (bytes.size() > room) overflow_ = true;
     const auto kept = bytes.first(std::min(bytes.size(), room));
     buffer_.insert(buffer_.end(), kept.begin(), kept.end());

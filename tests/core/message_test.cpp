@@ -91,10 +91,10 @@ INSTANTIATE_TEST_SUITE_P(Lengths, FrameZlp,
                                          ZlpCase{772, 121, 3}, ZlpCase{32768, 55, 3}, ZlpCase{32768, 57, 0}));
 
 TEST_F(Messages, OversizedOrMissingPayloadFailsWithoutTraffic) {
-    static std::array<uint8_t, kSendBufferSize> big{};
-    S_MSG fits = msg(772, 102793, big.data());
-    S_MSG too_long = msg(772, 102794, big.data());
-    S_MSG long_too_long = msg(32768, 102792, big.data());
+    static std::array<uint8_t, kSendFrameMax> big{};
+    S_MSG fits = msg(772, 102801, big.data());
+    S_MSG too_long = msg(772, 102802, big.data());
+    S_MSG long_too_long = msg(32768, 102800, big.data());
     S_MSG null_payload = msg(772, 4, nullptr);
     S_MSG negative = msg(772, -1, big.data());
     EXPECT_EQ(USB_SendMsg(0, &too_long), 1);
@@ -103,7 +103,7 @@ TEST_F(Messages, OversizedOrMissingPayloadFailsWithoutTraffic) {
     EXPECT_EQ(USB_SendMsg(0, &negative), 1);
     EXPECT_TRUE(frames().empty());
     EXPECT_EQ(USB_SendMsg(0, &fits), 0);
-    EXPECT_EQ(frames().at(0).size(), kSendBufferSize);
+    EXPECT_EQ(frames().at(0).size(), kSendFrameMax);
 }
 
 TEST_F(Messages, ShortWriteFailsTheSend) {
