@@ -2,9 +2,11 @@
 //
 // Time moves only when someone moves it: a virtual sleep, or a read that waits out its time-out.
 // Events run in time order (events due at the same time in the order they were scheduled), each
-// with the clock set to its own time. Not thread-safe: the front door serialises access.
+// with the clock set to its own time. Not thread-safe: the front door serialises access, except for
+// the on/off switch, which sleeps read without the lock.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -14,6 +16,12 @@ namespace corvel::sim::fw {
 
 class Clock {
   public:
+    // On, the front door moves the clock (virtual sleeps, reads waiting out their time-out). Off,
+    // nothing moves it: sleeps are real and reads do not wait, so an engine must not leave work
+    // to a time the clock will never reach.
+    void set_on(bool on) { on_ = on; }
+    bool on() const { return on_; }
+
     uint64_t now_us() const { return now_; }
     uint64_t slept_us() const { return slept_; }
     std::size_t pending() const { return events_.size(); }
@@ -35,6 +43,7 @@ class Clock {
     void sleep(uint64_t us);
 
   private:
+    std::atomic<bool> on_{false};
     uint64_t now_ = 0;
     uint64_t slept_ = 0;
     uint64_t sequence_ = 0;
