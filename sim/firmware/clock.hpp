@@ -24,9 +24,12 @@ class Clock {
 
     uint64_t now_us() const { return now_; }
     uint64_t slept_us() const { return slept_; }
+    // All the time the clock has moved forward, which reset() does not set back: a time line for
+    // models that keep time across a reset.
+    uint64_t elapsed_us() const { return elapsed_; }
     std::size_t pending() const { return events_.size(); }
 
-    // Sets both counters back to zero. Scheduled events keep their times.
+    // Sets now and slept back to zero. Scheduled events keep their times.
     void reset() { now_ = slept_ = 0; }
 
     void schedule(uint64_t at_us, std::function<void()> fn);
@@ -43,9 +46,12 @@ class Clock {
     void sleep(uint64_t us);
 
   private:
+    void move_to(uint64_t t);  // forward only
+
     std::atomic<bool> on_{false};
     uint64_t now_ = 0;
     uint64_t slept_ = 0;
+    uint64_t elapsed_ = 0;
     uint64_t sequence_ = 0;
     std::map<std::pair<uint64_t, uint64_t>, std::function<void()>> events_;  // (time, sequence) -> event
 };
