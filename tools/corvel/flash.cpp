@@ -278,13 +278,13 @@ int write_command(const Args& a) {
         std::vector<uint8_t> image(end - start);
         const std::size_t head = a.addr - start;
         const std::size_t tail_at = head + data.size();
-        if (head != 0 || tail_at != image.size()) {
+        if (head != 0) {
             if (int rc = read_flash(f, start, std::span(image).first(head), "read"); rc != 0) return rc;
-            if (int rc = read_flash(f, start + static_cast<uint32_t>(tail_at),
-                                    std::span(image).subspan(tail_at), "read");
-                rc != 0) {
+        }
+        if (tail_at != image.size()) {
+            auto tail = std::span(image).subspan(tail_at);
+            if (int rc = read_flash(f, start + static_cast<uint32_t>(tail_at), tail, "read"); rc != 0)
                 return rc;
-            }
         }
         std::copy(data.begin(), data.end(), image.begin() + static_cast<std::ptrdiff_t>(head));
 
