@@ -8,6 +8,9 @@
  * data-request message did not go out), -10 (the adapter's status was not the expected one), -6
  * (the data read brought a count other than the one asked for; the buffer may hold part of it).
  * Channel indices are compared as signed numbers: a negative index passes and its low byte is sent.
+ * A read of 0 bytes reads nothing and succeeds once the handshake did. A read count above
+ * 2147483647 bytes cannot be asked for in one USB transfer: the request still goes out, but no data
+ * read is made and the call returns -6.
  *
  * Thread safety: every exchange holds the process-wide lock of the adapter (for indices below 21)
  * from the request to the end of its data read, so the traffic of two calls never interleaves.
@@ -120,7 +123,7 @@ CORVEL_API int32_t KSI_InitSPIEx(int32_t DevType, int32_t DevIndex, PKSI_INIT_CO
  * KSI_WriteReadBytes and KSI_WriteReadBytesEx print the line "ReadLen: <ReadLen>\r\n" on standard
  * output before they read the data (twice when ReadLen is 256); applications rely on it.
  * KSI_WriteReadBytesEx sends at most 102790 write bytes (more are cut silently); its ReadLen is not
- * limited, and pReadData must hold ReadLen bytes. */
+ * limited (but see the read count above), and pReadData must hold ReadLen bytes. */
 CORVEL_API int32_t KSI_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t SPIIndex, uint8_t* pData,
                                   uint16_t Len);
 CORVEL_API int32_t KSI_ReadBytes(int32_t DevType, int32_t DevIndex, int32_t SPIIndex, uint8_t* pData,
@@ -135,7 +138,9 @@ CORVEL_API int32_t KSI_WriteReadBytesEx(int32_t DevType, int32_t DevIndex, int32
 /* Bit transfers on channels 0 to 4. Bits are NUL-terminated strings of the characters '0' and '1',
  * first bit first; any other character within the string is -4 and nothing is sent. At most 822336
  * bits are written (a longer string is cut) and at most 822400 read (a larger count is lowered).
- * pReadBitStr must hold ReadBitsNum characters and the terminating NUL. */
+ * pReadBitStr must hold ReadBitsNum characters and the terminating NUL. A negative ReadBitsNum is
+ * taken as 0: the request asks for no bits, nothing is read and pReadBitStr receives the empty
+ * string. On -6 pReadBitStr holds the raw bytes that came, not text. */
 CORVEL_API int32_t KSI_WriteBits(int32_t DevType, int32_t DevIndex, int32_t SPIIndex, uint8_t* pWriteBitStr);
 CORVEL_API int32_t KSI_ReadBits(int32_t DevType, int32_t DevIndex, int32_t SPIIndex, uint8_t* pReadBitStr,
                                 int32_t ReadBitsNum);
@@ -147,7 +152,8 @@ CORVEL_API int32_t KSI_WriteReadBits(int32_t DevType, int32_t DevIndex, int32_t 
  * clocked in (pReadData must hold 10240 bytes); it returns 0 whenever the request went out and
  * reports the read's result through *pBytesNum (when not null): the byte count, or a negative
  * value when nothing came in time. KSI_SlaveWriteBytes hands the adapter WriteBytesNum bytes (at
- * least 1, else -1) to clock out; when the request cannot be sent it returns 1, not -5. */
+ * least 1, else -1) to clock out; when the request cannot be sent it returns 1, not -5, and so it
+ * does for more than 102801 bytes, which do not fit one request. */
 CORVEL_API int32_t KSI_SlaveModeSet(int32_t DevType, int32_t DevIndex, uint8_t SlaveMode, uint16_t CmdBytes,
                                     uint16_t DataBytes);
 CORVEL_API int32_t KSI_SlaveCmdTableSet(int32_t DevType, int32_t DevIndex, uint8_t* pCmds, uint16_t CmdLen,
@@ -161,7 +167,8 @@ CORVEL_API int32_t KSI_SlaveWriteBytes(int32_t DevType, int32_t DevIndex, uint8_
  * (at least 1) with IntervalTime between blocks. The write buffer holds the blocks back to back,
  * the read buffer receives them back to back. Totals above 102784 bytes (block write), 102800
  * (block read) or 102782 (written part of the block write-read) are -4, checked before the
- * pointers. All blocks must arrive within the single 5000 ms read. */
+ * pointers; the totals are formed without overflow. The read total of the block write-read is not
+ * limited (but see the read count above). All blocks must arrive within the single 5000 ms read. */
 CORVEL_API int32_t KSI_BlockWriteBytes(int32_t DevType, int32_t DevIndex, int32_t SPIIndex,
                                        uint8_t* pWriteData, uint16_t BlockSize, uint16_t BlockNum,
                                        uint32_t IntervalTime);
@@ -181,10 +188,12 @@ CORVEL_API int32_t KSI_FlashReadBytes(int32_t DevType, int32_t DevIndex, int32_t
 
 /* Microwire memories of 16-bit words, sent and received most significant byte first. The init takes
  * channels up to 32, the transfers up to 15. Len counts words.
+ * KSI_MW_WriteBytes sends at most 51395 words in one request; more cannot go out (-5, nothing sent).
  * KSI_MW_ReadBytes asks for 2 x Len bytes and fills 2 x Len words of pReadData: the words read,
  * then Len zero words, so pReadData must hold 2 x Len words. It returns 0 only when the count
  * received equals Len (the word count); an adapter that sends all 2 x Len bytes therefore gets -6
- * with the words in place. Applications rely on both. */
+ * with the words in place. Applications rely on both. pReadData is left as it was when the call
+ * fails before the data read (-5, -10). */
 CORVEL_API int32_t KSI_MW_Init(int32_t DevType, int32_t DevIndex, PKSI_MW_INIT_CONFIG pInitConfig);
 CORVEL_API int32_t KSI_MW_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t MWIndex, uint32_t MemAddr,
                                      uint16_t* pWriteData, uint16_t Len);

@@ -47,17 +47,17 @@ proto::Writer& addressed(Request& r, uint16_t Addr, uint32_t SubAddr, int32_t I2
 }
 
 // A read-type request: its status must be the read's OK; then the adapter is asked for the data it
-// collected (whether that request went out is not examined) and Len + 7 bytes are read, the first seven
-// (a reply header) skipped. Fewer bytes than asked still succeed and copy only what came; the
-// "no data" code cannot result here, callers rely on 0. The status wait is the usual one, or one
-// attempt with the caller's time-out for pin events.
+// collected (whether that request went out is not examined: intended) and Len + 7 bytes are read,
+// the first seven (a reply header) skipped. Fewer bytes than asked still succeed and copy only what
+// came; the "no data" code cannot result here, callers rely on 0. The status wait is the usual one,
+// or one attempt with the caller's time-out for pin events.
 int32_t read_transfer(int32_t DevIndex, Request& request, uint8_t* out, uint16_t Len, int fetch_timeout_ms,
                       std::optional<int> status_timeout_ms = std::nullopt) {
-    const int32_t r = status_timeout_ms
-                          ? request_status(DevIndex, request, MSG_I2C_READ_DATA_OK, *status_timeout_ms)
-                          : request_status(DevIndex, request, MSG_I2C_READ_DATA_OK);
-    if (r != 0) return r;
-    send_bare(DevIndex, MSG_KD_REQUEST_IIC_ADDR_DATAS_REC);  // its result is not examined: intended
+    if (const int32_t r =
+            request_fetch(DevIndex, request, MSG_I2C_READ_DATA_OK, MSG_KD_REQUEST_IIC_ADDR_DATAS_REC,
+                          FetchSend::Unchecked, status_timeout_ms);
+        r != 0)
+        return r;
     return read_data(DevIndex, out, Len, fetch_timeout_ms);
 }
 

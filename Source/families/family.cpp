@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 
 #include "kd_board.h"
 #include "lock.h"
@@ -53,8 +54,20 @@ int32_t send_bare(int32_t dev, int32_t code) {
                                                                               : KD_ERR_USB_WRITE_FAIL;
 }
 
-int32_t read_exact(int32_t dev, uint8_t* out, int32_t n, int timeout_ms, ReadMode mode) {
-    return USB_ReadRaw(dev, out, n, timeout_ms, mode) == n ? KD_SUCCESS : KD_ERR_USB_READ_FAIL;
+int32_t request_fetch(int32_t dev, Request& request, MSG_STATE ok, int32_t fetch, FetchSend policy,
+                      std::optional<int> status_timeout_ms) {
+    const int32_t r = status_timeout_ms ? request_status(dev, request, ok, *status_timeout_ms)
+                                        : request_status(dev, request, ok);
+    if (r != 0) return r;
+    const int32_t sent = send_bare(dev, fetch);
+    return policy == FetchSend::Checked ? sent : KD_SUCCESS;
+}
+
+int32_t read_exact(int32_t dev, uint8_t* out, std::size_t n, int timeout_ms, ReadMode mode) {
+    if (n == 0) return KD_SUCCESS;
+    if (n > static_cast<std::size_t>(INT32_MAX)) return KD_ERR_USB_READ_FAIL;
+    const auto len = static_cast<int32_t>(n);
+    return USB_ReadRaw(dev, out, len, timeout_ms, mode) == len ? KD_SUCCESS : KD_ERR_USB_READ_FAIL;
 }
 
 int32_t read_data(int32_t dev, uint8_t* out, std::size_t len, int timeout_ms, ReadMode mode) {

@@ -5,7 +5,8 @@
 //   - the argument checks in their fixed order (device type -15, connection -13, pointers -1,
 //     channel and other ranges -4), chained on a Check;
 //   - the exchanges: a request followed by a status byte, by a data answer behind a reply header,
-//     or by a reply frame; the board-information record;
+//     or by a reply frame; the read handshake (request, status byte, data-fetch message, then the
+//     data); the board-information record;
 //   - the board lock for the families whose functions take it.
 //
 // A request is built in place with the message layer's Request (its payload() is a
@@ -94,8 +95,23 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_
 // go: 0, or -5.
 int32_t send_bare(int32_t dev, int32_t code);
 
-// Reads exactly n raw bytes (no header) straight into `out`: 0, or -6 for any other count.
-int32_t read_exact(int32_t dev, uint8_t* out, int32_t n, int timeout_ms, ReadMode mode = ReadMode::Retrying);
+// Whether a data-fetch message that did not go out ends a read handshake with -5 (Checked), or is
+// let pass, so that the data read finds nothing and fails by itself (Unchecked). Each family
+// function keeps the one it has always had.
+enum class FetchSend { Checked, Unchecked };
+
+// The read handshake up to the data: sends the request, reads its status byte (the usual wait, or
+// one attempt with `status_timeout_ms`), which must be `ok`, then sends the bare data-fetch message
+// `fetch`. The caller then reads the data (read_exact, read_data). 0, -5 when the request (or a
+// Checked fetch) did not go out, -10 for another status; no fetch is sent after a failure.
+int32_t request_fetch(int32_t dev, Request& request, MSG_STATE ok, int32_t fetch, FetchSend policy,
+                      std::optional<int> status_timeout_ms = std::nullopt);
+
+// Reads exactly n raw bytes (no header) straight into `out`: 0, or -6 for any other count. n = 0
+// reads nothing (an empty read cannot fall short); an n above INT32_MAX cannot be asked for in
+// one transfer and is -6 without a read.
+int32_t read_exact(int32_t dev, uint8_t* out, std::size_t n, int timeout_ms,
+                   ReadMode mode = ReadMode::Retrying);
 
 // Reads a data answer of `len` payload bytes behind a reply header (skipped unexamined) into
 // `out`. Fewer bytes than asked still succeed and copy only what came; less than a header is -6.

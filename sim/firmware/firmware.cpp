@@ -161,9 +161,11 @@ void Firmware::clear_faults() {
     short_reads_.clear();
     drop_ = 0;
     override_status_.reset();
+    silent_ = false;
 }
 
 void Firmware::answer(int endpoint, Bytes bytes, std::optional<std::size_t> status_at) {
+    if (silent_) return;
     if (drop_ > 0) {
         --drop_;
         return;

@@ -62,6 +62,9 @@ class Firmware final : private Port {
     void drop_next_answers(int count) { drop_ = count > 0 ? count : 0; }
     // The next answer that carries a status (a status byte or a reply frame) gets this one.
     void override_next_status(uint8_t state) { override_status_ = state; }
+    // While silenced the firmware still takes every frame but queues no answer of its own; what
+    // inject() queues still arrives.
+    void silence(bool on) { silent_ = on; }
     void clear_faults();
 
     const std::vector<uint32_t>& unknown_messages() const { return unknown_; }
@@ -122,6 +125,7 @@ class Firmware final : private Port {
     std::deque<std::size_t> short_reads_;
     int drop_ = 0;
     std::optional<uint8_t> override_status_;
+    bool silent_ = false;
 };
 
 }  // namespace corvel::sim::fw

@@ -85,6 +85,10 @@ void override_next_status(int adapter, uint8_t status) {
     with_firmware(adapter, [&](fw::Firmware& f) { f.override_next_status(status); });
 }
 
+void silence(int adapter, bool on) {
+    with_firmware(adapter, [&](fw::Firmware& f) { f.silence(on); });
+}
+
 void unplug(int adapter) {
     with_sim([&](Simulator& s) {
         if (Adapter* a = s.adapter(adapter)) a->plugged = false;

@@ -1,9 +1,13 @@
-// The process-wide lock: one mutex, taken only for indices below 21.
+// The process-wide lock: one mutex, taken only for indices below 21, and held by the families
+// documented to lock for their whole exchange.
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <vector>
 
+#include "ControlSPI.h"
 #include "lock.h"
+#include "wire.hpp"
 
 namespace {
 
@@ -47,6 +51,31 @@ TEST(Lock, InitCreatesTheMutexOnce) {
     lock_init(3);  // a second init must not reset a held mutex
     EXPECT_TRUE(held_elsewhere());
     unlock(3);
+}
+
+// Looked at from inside the status read and the data read of an SPI read.
+TEST(Lock, SpiHoldsItFromTheRequestToTheEndOfTheDataRead) {
+    using namespace corvel::test;
+    namespace sim = corvel::sim;
+    sim::configure({adapter("S", KD_DEVTYPE_SPI)});
+    ASSERT_EQ(KSI_OpenDevice(KD_DEVTYPE_SPI, 0, 0), 0);
+    sim::silence(0, true);
+    std::vector<bool> held;
+    const uint64_t t = sim::now_us();
+    sim::schedule(t + 1000, [&] {
+        held.push_back(held_elsewhere());
+        inject_bulk(status_answer(MSG_SPI_READ_DATA_OK));
+    });
+    sim::schedule(t + 2000, [&] {
+        held.push_back(held_elsewhere());
+        inject_bulk({1, 2});
+    });
+    uint8_t out[2];
+    EXPECT_EQ(KSI_ReadBytes(KD_DEVTYPE_SPI, 0, 0, out, 2), 0);
+    EXPECT_EQ(held, (std::vector<bool>{true, true}));
+    EXPECT_FALSE(held_elsewhere());
+    EXPECT_EQ(KSI_ReadBytes(KD_DEVTYPE_SPI, 0, 0, out, 2), -10);  // no status: released all the same
+    EXPECT_FALSE(held_elsewhere());
 }
 
 }  // namespace

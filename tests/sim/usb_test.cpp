@@ -82,6 +82,17 @@ TEST_F(Usb, ReadLeavesTheRestOfAnAnswerAndResetDropsWhatWaits) {
     EXPECT_EQ(read(h, 1, 0x81).result, -ETIMEDOUT);
 }
 
+TEST_F(Usb, SilencedFirmwareAnswersNothingButInjectedAnswersArrive) {
+    silence(0, true);
+    EXPECT_EQ(write(h, frame(260, {})), 7);
+    EXPECT_EQ(read(h, 512).result, -ETIMEDOUT);
+    inject_in(0, 0x82, {7});
+    EXPECT_EQ(read(h, 512).data, Bytes{7});
+    clear_faults();
+    EXPECT_EQ(write(h, frame(260, {})), 7);
+    EXPECT_EQ(read(h, 512).result, 512);
+}
+
 TEST_F(Usb, InjectedFailuresNeverReachTheAdapterAndClearFaultsDropsThem) {
     fail_next(Call::BulkWrite, 1, -EIO);
     EXPECT_EQ(write(h, frame(260, {})), -EIO);

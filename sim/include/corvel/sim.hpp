@@ -90,6 +90,10 @@ CORVEL_SIM_API void short_read_next(int adapter, std::size_t bytes);
 CORVEL_SIM_API void drop_next_answers(int adapter, int count);
 // The status of the next answer (status byte, or byte 4 of a reply frame) becomes `status`.
 CORVEL_SIM_API void override_next_status(int adapter, uint8_t status);
+// Silences the adapter's firmware: it still takes every frame (and changes its state) but queues no
+// answer of its own, so a test scripts every answer with inject_in. Off again with `on` false or
+// clear_faults().
+CORVEL_SIM_API void silence(int adapter, bool on);
 // Unplug: opens fail and transfers on open handles return -ENODEV. Replug brings it back as it was.
 CORVEL_SIM_API void unplug(int adapter);
 CORVEL_SIM_API void replug(int adapter);
