@@ -49,7 +49,8 @@ static void pause_ms(long ms) {
 }
 
 /* The first adapter whose product name says SPI; -1 when there is none. Reading the board
- * information opens an adapter, so each one is closed again. */
+ * information opens an adapter; the ones looked at stay open until the end, since closing an adapter
+ * takes it off the library's list and renumbers those after it. */
 static int32_t find_spi_adapter(int32_t count) {
     int32_t i;
     for (i = 0; i < count; ++i) {
@@ -57,7 +58,6 @@ static int32_t find_spi_adapter(int32_t count) {
         char name[sizeof info.ProductName + 1];
         memset(&info, 0, sizeof info);
         if (KSI_ReadBoardInfo(i, &info) != KD_SUCCESS) continue;
-        KD_CloseBoard(i);
         memcpy(name, info.ProductName, sizeof info.ProductName);
         name[sizeof info.ProductName] = '\0';
         if (strstr(name, "SPI") != NULL) {
