@@ -18,7 +18,7 @@ bool Clock::run_next(uint64_t limit_us) {
     const uint64_t at = first->first.first;
     std::function<void()> fn = std::move(first->second);
     events_.erase(first);
-    if (at > now_) now_ = at;
+    move_to(at);
     try {
         fn();
     } catch (const std::exception& e) {
@@ -32,7 +32,13 @@ bool Clock::run_next(uint64_t limit_us) {
 void Clock::advance_to(uint64_t t_us) {
     while (run_next(t_us)) {
     }
-    if (t_us > now_) now_ = t_us;
+    move_to(t_us);
+}
+
+void Clock::move_to(uint64_t t) {
+    if (t <= now_) return;
+    elapsed_ = saturating_add(elapsed_, t - now_);
+    now_ = t;
 }
 
 void Clock::sleep(uint64_t us) {

@@ -47,7 +47,13 @@ class Port {
     // time (inside a sleep of the host, or while one of its reads waits); it is dropped when the
     // adapter is gone by then.
     virtual uint64_t now_us() const = 0;
+    // The virtual time that has passed since the model began, which a reset of the clock does not
+    // set back.
+    virtual uint64_t elapsed_us() const = 0;
     virtual void schedule_in(uint64_t delay_us, std::function<void()> fn) = 0;
+    // Whether the virtual clock is on. Off, it stands still: an event scheduled later than now
+    // never runs, so an engine answers at once instead.
+    virtual bool clock_on() const = 0;
 
     // Non-volatile memory: a block of `size` bytes kept in the file `name` of the adapter's state
     // folder, erased when new. The Port owns it; the reference stays valid for the engine's life.

@@ -4,6 +4,7 @@
 #include "firmware/board_engine.hpp"
 #include "firmware/engine.hpp"
 #include "firmware/i2c_engine.hpp"
+#include "firmware/spi_engine.hpp"
 
 namespace corvel::sim::fw {
 
@@ -11,6 +12,7 @@ std::span<const EngineEntry> engine_table() {
     static constexpr std::array kEngines{
         EngineEntry{"board", &make_board_engine},
         EngineEntry{"i2c", &make_i2c_engine},
+        EngineEntry{"spi", &make_spi_engine},
     };
     return kEngines;
 }

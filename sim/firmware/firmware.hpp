@@ -89,7 +89,9 @@ class Firmware final : private Port {
     void raw(Bytes bytes) override;
     void command_answer(Bytes bytes) override;
     uint64_t now_us() const override { return clock_.now_us(); }
+    uint64_t elapsed_us() const override { return clock_.elapsed_us(); }
     void schedule_in(uint64_t delay_us, std::function<void()> fn) override;
+    bool clock_on() const override { return clock_.on(); }
     NvStore& nv(const std::string& name, std::size_t size, uint8_t erased) override;
 
     // Applies the answer faults and queues. `status_at`: index of the status byte, if any.

@@ -19,7 +19,11 @@ FrameAssembler::Result FrameAssembler::finish() {
     proto::Reader in(buffer_);
     const uint32_t code = in.be32();
     const uint8_t packet = in.u8();
-    const std::size_t header = proto::request_header_size(code);
+    // The host's bare status messages (a header, no payload) always take the short header, even
+    // for a code of the long group (the long write-read's data request): a transfer of exactly
+    // that length can be nothing else, as a long header alone is longer.
+    const std::size_t header = buffer_.size() == proto::kShortHeaderSize ? proto::kShortHeaderSize
+                                                                         : proto::request_header_size(code);
     const uint32_t size = header == proto::kLongHeaderSize ? in.be32() : in.be16();
     // The size field must agree with the transfer's length, modulo the field's range.
     const std::size_t length = buffer_.size();

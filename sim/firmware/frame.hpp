@@ -1,8 +1,8 @@
 // The message frame: request frames arriving on bulk OUT, reply frames going back on bulk IN.
 //
 // Request: message code (4 bytes, big-endian), packet number (1 byte), payload size (2 bytes, or 4
-// bytes for the codes from 32768 on), payload. Reply: answer code (4), status (1), payload size
-// (2), payload.
+// bytes for the codes from 32768 on), payload; a bare status message (no payload) has the 2-byte
+// size whatever its code. Reply: answer code (4), status (1), payload size (2), payload.
 //
 // A request frame is exactly one bulk OUT transfer. The host's write is split into 64-byte packets
 // and the transfer ends with a packet shorter than that: a write whose length is not a multiple of

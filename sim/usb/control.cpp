@@ -121,11 +121,11 @@ void clear_faults() {
 }
 
 void virtual_clock(bool on) {
-    Simulator::instance().virtual_clock = on;
+    Simulator::instance().clock.set_on(on);
 }
 
 bool virtual_clock_enabled() {
-    return Simulator::instance().virtual_clock;
+    return Simulator::instance().clock.on();
 }
 
 uint64_t now_us() {

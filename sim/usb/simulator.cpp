@@ -118,7 +118,7 @@ void Simulator::start_from_environment() {
     if (const char* mode = std::getenv("CORVEL_SIM_CLOCK"); mode != nullptr && *mode != '\0') {
         const std::string_view m(mode);
         if (m == "virtual") {
-            virtual_clock = true;
+            clock.set_on(true);
         } else if (m != "real") {
             std::fprintf(
                 stderr, "corvel-sim: CORVEL_SIM_CLOCK: expected \"virtual\" or \"real\", got \"%s\"\n", mode);
@@ -255,9 +255,9 @@ int Simulator::read(Adapter& a, int endpoint, char* buffer, int size, int timeou
         if (size == 0) return 0;
         // Nothing waits: let time pass, one event at a time, until something arrives. With the
         // clock off only events already due may run; the read never waits in real time.
-        if (!clock.run_next(virtual_clock ? deadline : clock.now_us())) break;
+        if (!clock.run_next(clock.on() ? deadline : clock.now_us())) break;
     }
-    if (virtual_clock) clock.advance_to(deadline);
+    if (clock.on()) clock.advance_to(deadline);
     return -ETIMEDOUT;
 }
 

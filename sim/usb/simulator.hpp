@@ -9,7 +9,6 @@
 #include <usb.h>
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -90,9 +89,8 @@ class Simulator {
     std::optional<int> take_failure(Call call);
     void clear_failures() { failures_.clear(); }
 
-    // ---- Virtual clock
+    // ---- Virtual clock (switched on and off with clock.set_on)
     fw::Clock clock;
-    std::atomic<bool> virtual_clock{false};
 
   private:
     Simulator();

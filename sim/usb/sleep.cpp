@@ -21,7 +21,7 @@ namespace {
 // others run.
 bool sleep_virtually(uint64_t us) {
     Simulator& s = Simulator::instance();
-    if (!s.virtual_clock) return false;
+    if (!s.clock.on()) return false;
     {
         std::lock_guard<std::recursive_mutex> lock(s.mutex());
         s.clock.sleep(us);
@@ -75,7 +75,7 @@ CORVEL_SIM_API unsigned int sleep(unsigned int seconds) {
 }
 
 CORVEL_SIM_API int nanosleep(const struct timespec* req, struct timespec* rem) {
-    if (corvel::sim::Simulator::instance().virtual_clock) {
+    if (corvel::sim::Simulator::instance().clock.on()) {
         if (req == nullptr) {
             errno = EFAULT;
             return -1;
