@@ -117,7 +117,8 @@ int main(int argc, char** argv) {
     }
     close(null_fd);
     std::ofstream results("/proc/self/fd/" + std::to_string(results_fd));
-    benchmark::ConsoleReporter reporter;
+    benchmark::ConsoleReporter reporter(isatty(results_fd) != 0 ? benchmark::ConsoleReporter::OO_Defaults
+                                                                : benchmark::ConsoleReporter::OO_Tabular);
     reporter.SetOutputStream(&results);
     reporter.SetErrorStream(&results);
     benchmark::RunSpecifiedBenchmarks(&reporter);

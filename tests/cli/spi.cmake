@@ -46,6 +46,10 @@ corvel_cli_test(flash.write_past_the_end
 corvel_cli_test(flash.i2c_adapter
   CHECK --status 1 --err "corvel: set up SPI channel 0: Execute the command failed \\(-10\\)" --out-lines 0
         -- ${CORVEL} --sim flash id -d 0)
+# Channel 2 has no part: MISO floats high and the id reads all ones.
+corvel_cli_test(flash.no_chip
+  CHECK --status 1 --err "corvel: no flash answers on SPI channel 2 \\(JEDEC id ff ff ff\\)" --out-lines 0
+        -- ${CORVEL} --sim flash read -c 2 0 16)
 corvel_cli_test(flash.no_adapter ENV CORVEL_SIM=0
   CHECK --status 1 --err "corvel: no adapter found" --out-lines 0 -- ${CORVEL} --sim flash id)
 

@@ -120,7 +120,6 @@ int read_flash(const Flash& f, uint32_t addr, std::span<uint8_t> out, std::strin
         auto chunk = out.subspan(done, std::min<std::size_t>(kReadChunk, out.size() - done));
         const uint32_t at = addr + static_cast<uint32_t>(done);
         if (int32_t rc = spi_write_read(f.dev, f.channel, command(flash_cmd::kRead, at), chunk); rc != 0) {
-            progress.finish();
             return fail(fmt::format("read the flash at 0x{:06x}", at), rc);
         }
         progress.update(done + chunk.size());
@@ -145,10 +144,7 @@ int erase_steps(const Flash& f, const std::vector<EraseStep>& steps) {
         if (rc == 0) {
             rc = wait_ready(f, chip ? kChipWait : s.size == kFlashBlockSize ? kBlockWait : kSectorWait, what);
         }
-        if (rc != 0) {
-            progress.finish();
-            return rc;
-        }
+        if (rc != 0) return rc;
         done += s.size;
         progress.update(done);
     }
@@ -162,7 +158,7 @@ int program(const Flash& f, uint32_t addr, std::span<const uint8_t> image) {
     std::vector<uint8_t> cmd;
     for (std::size_t off = 0; off < image.size(); off += kFlashPageSize) {
         auto page = image.subspan(off, std::min<std::size_t>(kFlashPageSize, image.size() - off));
-        progress.update(off);
+        if (off % kFlashSectorSize == 0) progress.update(off);
         if (std::all_of(page.begin(), page.end(), [](uint8_t b) { return b == 0xFF; })) continue;
         const uint32_t at = addr + static_cast<uint32_t>(off);
         const std::string what = fmt::format("program the page at 0x{:06x}", at);
@@ -173,10 +169,7 @@ int program(const Flash& f, uint32_t addr, std::span<const uint8_t> image) {
             if (int32_t sent = spi_write(f.dev, f.channel, cmd); sent != 0) rc = fail(what, sent);
         }
         if (rc == 0) rc = wait_ready(f, kPageWait, what);
-        if (rc != 0) {
-            progress.finish();
-            return rc;
-        }
+        if (rc != 0) return rc;
     }
     progress.update(image.size());
     return 0;
