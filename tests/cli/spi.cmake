@@ -10,13 +10,14 @@ corvel_cli_test(flash.id
   CHECK --out "jedec id:     ef 40 16" --out "manufacturer: Winbond" --out "part:         W25Q32"
         --out "size:         4 MiB" --out-lines 4 --no-err -- ${CORVEL} --sim flash id)
 
-# A random file across a sector boundary, written and verified in one process, read back raw by
-# the next: the flash keeps it in the state directory.
+# A random file from the middle of a sector across a whole 64 KiB block (erased as one) into the
+# middle of another sector, written and verified over an earlier one, read back raw by the next
+# process: the flash keeps it in the state directory.
 corvel_cli_test(flash.write_then_read_in_two_processes
   CHECK --out-lines 0 --no-err
-        -- sh -c [[cd "$CORVEL_SIM_STATE" && head -c 5000 /dev/urandom >in.bin &&
-                   "$0" --sim flash write 0x1f80 in.bin --verify &&
-                   "$0" --sim flash read 0x1f80 5000 -o out.bin && cmp in.bin out.bin]] ${CORVEL})
+        -- sh -c [[cd "$CORVEL_SIM_STATE" && head -c 80000 /dev/urandom >old.bin && head -c 80000 /dev/urandom >in.bin &&
+                   "$0" --sim flash write 0xff80 old.bin && "$0" --sim flash write 0xff80 in.bin --verify &&
+                   "$0" --sim flash read 0xff80 80000 -o out.bin && cmp in.bin out.bin]] ${CORVEL})
 # Writing into a sector keeps what the sector held around the new bytes; an erase clears it.
 corvel_cli_test(flash.write_keeps_the_rest_of_the_sector
   CHECK --out "00000ff0  ff ff ff ff ff ff ff ff  ff ff ff ff 61 62 63 64  \\|\\.{12}abcd\\|"
