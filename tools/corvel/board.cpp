@@ -1,9 +1,7 @@
 // Board-level commands: list the adapters, ask one for its firmware version.
-#include <usb.h>
-
+#include <algorithm>
 #include <array>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,51 +13,33 @@
 #include "context.hpp"
 #include "corvel/protocol.hpp"
 #include "output.hpp"
+#include "usb_adapters.hpp"
 
 namespace corvel::cli {
 namespace {
 
-// Serial strings of the adapters on the USB buses, in bus order: empty for a device without one,
-// nothing when the device could not be opened. The library exports no serials, so they are read
-// here through libusb-0.1, whose buses the library's enumeration has just read.
-std::vector<std::optional<std::string>> read_serials() {
-    std::vector<std::optional<std::string>> serials;
-    for (usb_bus* bus = usb_get_busses(); bus != nullptr; bus = bus->next) {
-        for (struct usb_device* dev = bus->devices; dev != nullptr; dev = dev->next) {
-            if (dev->descriptor.idVendor != proto::kVendorId ||
-                dev->descriptor.idProduct != proto::kProductId) {
-                continue;
-            }
-            if (dev->descriptor.iSerialNumber == 0) {
-                serials.emplace_back("");
-                continue;
-            }
-            usb_dev_handle* handle = usb_open(dev);
-            if (handle == nullptr) {
-                serials.emplace_back(std::nullopt);
-                continue;
-            }
-            std::array<char, proto::kSerialStringSize> text{};
-            int n = usb_get_string_simple(handle, dev->descriptor.iSerialNumber, text.data(), text.size());
-            usb_close(handle);
-            serials.emplace_back(n > 0 ? std::string(text.data()) : std::string());
-        }
-    }
-    return serials;
-}
-
 int list_adapters() {
     if (KD_EnumBoard(1) == 0) return fail_no_adapter();
-    auto serials = read_serials();
+    auto adapters = read_usb_adapters();
     std::vector<std::string> keys;
-    for (const auto& s : serials) keys.push_back(s.value_or(""));
+    for (const auto& a : adapters) keys.push_back(a.serial.value_or(""));
     auto indices = scan_indices(keys);
     if (indices.empty()) return fail_no_adapter();
 
+    std::vector<std::string> shown;
+    std::size_t serial_width = 0;
+    for (const auto& a : adapters) {
+        shown.push_back(!a.serial ? "? (cannot open)" : a.serial->empty() ? "-" : *a.serial);
+        serial_width = std::max(serial_width, shown.back().size());
+    }
     auto width = fmt::formatted_size("{}", indices.back());
-    for (std::size_t i = 0; i < serials.size(); ++i) {
-        std::string shown = !serials[i] ? "? (cannot open)" : serials[i]->empty() ? "-" : *serials[i];
-        fmt::print("{:>{}}  {}\n", indices[i], width, shown);
+    for (std::size_t i = 0; i < adapters.size(); ++i) {
+        if (adapters[i].product.empty()) {
+            fmt::print("{:>{}}  {}\n", indices[i], width, shown[i]);
+        } else {
+            fmt::print("{:>{}}  {:<{}}  {}\n", indices[i], width, shown[i], serial_width,
+                       adapters[i].product);
+        }
     }
     return 0;
 }
@@ -84,7 +64,8 @@ int show_version(int32_t dev) {
 }  // namespace
 
 void add_board_commands(CLI::App& app, Context& ctx) {
-    auto* list = app.add_subcommand("list", "List the adapters with their device index and serial number");
+    auto* list = app.add_subcommand(
+        "list", "List the adapters with their device index, serial number and product name");
     list->callback([&ctx] { ctx.run = list_adapters; });
 
     auto* version = app.add_subcommand("version", "Show an adapter's firmware version");

@@ -17,6 +17,8 @@ int main(int argc, char** argv) {
     add_board_commands(app, ctx);
     add_info_commands(app, ctx);
     add_i2c_commands(app, ctx);
+    add_spi_commands(app, ctx);
+    add_flash_commands(app, ctx);
     app.footer("Run any other program on the virtual adapter with: corvel-sim PROGRAM [ARGS...]");
 
     try {

@@ -55,12 +55,23 @@ std::string error_text(int32_t code) {
     return text;
 }
 
+namespace {
+// The bar being drawn, if any: an error line ends its line first, so the two never share a line.
+Progress* drawing = nullptr;
+
+void end_progress_line() {
+    if (drawing != nullptr) drawing->finish();
+}
+}  // namespace
+
 int fail(std::string_view what, int32_t code) {
+    end_progress_line();
     fmt::print(stderr, "corvel: {}: {} ({})\n", what, error_text(code), code);
     return kExitFailure;
 }
 
 int fail(std::string_view message) {
+    end_progress_line();
     fmt::print(stderr, "corvel: {}\n", message);
     return kExitFailure;
 }
@@ -76,6 +87,7 @@ int fail_no_adapter() {
 }
 
 int fail_open(int32_t dev, int32_t code) {
+    end_progress_line();
     fmt::print(stderr, "corvel: open adapter {}: {} ({}){}\n", dev, error_text(code), code,
                code == KD_ERR_OPEN_DEVICE ? sim_hint() : std::string_view());
     return kExitFailure;
@@ -92,6 +104,7 @@ std::string progress_line(std::string_view label, uint64_t done, uint64_t total,
 
 Progress::Progress(std::string label, uint64_t total, std::FILE* out)
     : label_(std::move(label)), total_(total), out_(out), shown_(isatty(fileno(out)) != 0) {
+    if (shown_) drawing = this;
     update(0);
 }
 
@@ -110,6 +123,7 @@ void Progress::finish() {
     if (finished_) return;
     update(done_);
     finished_ = true;
+    if (drawing == this) drawing = nullptr;
     if (shown_) fmt::print(out_, "\n");
 }
 

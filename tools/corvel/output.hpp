@@ -37,7 +37,8 @@ int fail_open(int32_t dev, int32_t code);
 std::string progress_line(std::string_view label, uint64_t done, uint64_t total, int width = 30);
 
 // A progress bar for long jobs, redrawn in place on stderr. It shows only when stderr is a
-// terminal, so scripts and logs see nothing of it.
+// terminal, so scripts and logs see nothing of it. The error lines of fail() and fail_open() end
+// the bar's line first.
 class Progress {
   public:
     Progress(std::string label, uint64_t total, std::FILE* out = stderr);

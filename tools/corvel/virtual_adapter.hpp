@@ -8,6 +8,10 @@ namespace corvel::cli {
 // Set in the environment of a process that runs on the virtual adapter.
 inline constexpr const char* kVirtualAdapterMarker = "CORVEL_SIM_ACTIVE";
 
+// The adapters on the virtual bus when CORVEL_SIM is not set: adapter 0 of I2C type, adapter 1 of
+// SPI type.
+inline constexpr const char* kVirtualBench = "type=1;type=2";
+
 inline bool on_virtual_adapter() {
     return std::getenv(kVirtualAdapterMarker) != nullptr;
 }
@@ -15,7 +19,8 @@ inline bool on_virtual_adapter() {
 // Makes this process run on the virtual adapter. Unless CORVEL_SIM_ACTIVE says that this was done
 // already, the program re-executes itself (/proc/self/exe, same arguments) with the drop-in
 // libusb-0.1 first in LD_PRELOAD and CORVEL_SIM_ACTIVE=1, so the library binds to the drop-in
-// from the start. Must run before anything calls into the library.
+// from the start. Where the user has not set them, CORVEL_SIM becomes kVirtualBench and
+// CORVEL_SIM_CLOCK "virtual". Must run before anything calls into the library.
 //
 // The drop-in is $CORVEL_SIM_LIBRARY when that is set (it must exist), else
 // <directory of the program>/../sim/libusb-0.1.so.4, else the path the build configured.
