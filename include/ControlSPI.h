@@ -151,9 +151,11 @@ CORVEL_API int32_t KSI_WriteReadBits(int32_t DevType, int32_t DevIndex, int32_t 
  * arguments. KSI_SlaveReadBytes makes one read attempt of WaitTime ms for what an external master
  * clocked in (pReadData must hold 10240 bytes); it returns 0 whenever the request went out and
  * reports the read's result through *pBytesNum (when not null): the byte count, or a negative
- * value when nothing came in time. KSI_SlaveWriteBytes hands the adapter WriteBytesNum bytes (at
- * least 1, else -1) to clock out; when the request cannot be sent it returns 1, not -5, and so it
- * does for more than 102801 bytes, which do not fit one request. */
+ * value when nothing came in time. WaitTime goes to libusb as it stands: on USB hardware 0 means no
+ * time limit, and the call returns only when data come (the virtual adapter does not wait then).
+ * KSI_SlaveWriteBytes hands the adapter WriteBytesNum bytes (at least 1, else -1) to clock out;
+ * when the request cannot be sent it returns 1, not -5, and so it does for more than 102801 bytes,
+ * which do not fit one request. */
 CORVEL_API int32_t KSI_SlaveModeSet(int32_t DevType, int32_t DevIndex, uint8_t SlaveMode, uint16_t CmdBytes,
                                     uint16_t DataBytes);
 CORVEL_API int32_t KSI_SlaveCmdTableSet(int32_t DevType, int32_t DevIndex, uint8_t* pCmds, uint16_t CmdLen,

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "ControlI2C.h"
+#include "ControlSPI.h"
 #include "wire.hpp"
 
 extern "C" void* __libc_malloc(std::size_t);
@@ -76,8 +77,9 @@ TEST(Allocation, NoneOnTheSendAndReceivePaths) {
     dl_iterate_phdr(find_library, nullptr);
     ASSERT_NE(library_begin, 0u);
 
-    sim::configure({adapter("A")});
+    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI)});
     ASSERT_EQ(KII_OpenDevice(1, 0, 0), 0);
+    ASSERT_EQ(KSI_OpenDevice(2, 1, 0), 0);
     // Warm-up: a thread's first message allocates that thread's buffer set (and the first transfer
     // the device list's table of handles in use); from then on nothing is allocated per message.
     KII_INIT_CONFIG c{1, 0, 7, 1, 0, 100000};
@@ -96,14 +98,21 @@ TEST(Allocation, NoneOnTheSendAndReceivePaths) {
     EXPECT_EQ(KII_ReadUserData(1, 0, 0, bytes, 64), 0);
     EXPECT_EQ(KII_ReadBoardInfo(0, &info), 0);
     EXPECT_EQ(KD_ExecuteCommand(KD_CMD_GET_CORVEL_VN, 0, 0, answer), 0);
+    // The SPI handshake: request, status, data-request message, raw data.
+    uint8_t jedec = 0x9F;
+    uint8_t text[17];
+    EXPECT_EQ(KSI_WriteBytes(2, 1, 1, bytes, 8), 0);
+    EXPECT_EQ(KSI_WriteReadBytes(2, 1, 0, &jedec, 1, bytes, 3), 0);
+    EXPECT_EQ(KSI_ReadBits(2, 1, 1, text, 16), 0);
+    EXPECT_EQ(KSI_BlockReadBytes(2, 1, 0, bytes, 8, 4, 10), 0);
     counting = false;
     EXPECT_EQ(library_allocations.load(), 0);
 
     // The counter does see the library's own allocations: a scan that finds a new adapter
     // allocates its list node.
-    sim::configure({adapter("A"), adapter("B")});
+    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI), adapter("B")});
     counting = true;
-    EXPECT_EQ(KD_EnumBoard(1), 2);
+    EXPECT_EQ(KD_EnumBoard(1), 3);
     counting = false;
     EXPECT_GT(library_allocations.load(), 0);
 }
