@@ -25,9 +25,9 @@ void open_spi_adapter() {
     corvel::sim::virtual_clock(true);
     corvel::sim::capture(false);
     corvel::sim::set_state_dir("");  // contents in memory only
-    corvel::sim::AdapterSpec spec;
-    spec.personality = corvel::proto::kDevTypeSpi;
-    corvel::sim::configure({spec});
+    corvel::sim::AdapterSpec spi_adapter;
+    spi_adapter.personality = corvel::proto::kDevTypeSpi;
+    corvel::sim::configure({spi_adapter});
     KSI_ScanDevice(1);
     KSI_OpenDevice(kSpi, 0, 0);
     for (int32_t channel : {kFlashChannel, kLoopbackChannel}) {

@@ -11,7 +11,9 @@
 #include <thread>
 
 #include "ControlI2C.h"
+#include "ControlSPI.h"
 #include "corvel/sim_i2c.hpp"
+#include "corvel/sim_spi.hpp"
 #include "wire.hpp"
 
 namespace {
@@ -100,6 +102,37 @@ TEST_F(TwoAdapters, CloseAndEnumerateWhileAnotherThreadTransfers) {
     KII_INIT_CONFIG c{1, 0, 7, 1, 0, 100000};
     EXPECT_EQ(KII_InitI2C(1, 1, 0, &c), 0);
     EXPECT_EQ(KII_ReadBytes(1, 1, 0, kEeprom, 0, out.data(), 4), 0);
+}
+
+// Two threads share one SPI adapter. Each read is a request, a status byte, a data-request message
+// and the data; the board lock keeps one call's four steps together, so each thread gets the bytes
+// of its own command: the JEDEC id for one, a flash range for the other.
+TEST(SharedSpiAdapter, HandshakesOfTwoThreadsNeverInterleave) {
+    sim::capture(false);
+    sim::configure({adapter("S0", KD_DEVTYPE_SPI)});
+    ASSERT_EQ(KSI_ScanDevice(1), 1);
+    ASSERT_EQ(KSI_OpenDevice(KD_DEVTYPE_SPI, 0, 0), 0);
+    const std::vector<uint8_t> stored = {0x11, 0x22, 0x33, 0x44};
+    sim::set_spi_flash(0, 0x100, stored);
+    constexpr int kRounds = 100;
+    std::array<std::atomic<int>, 2> mismatches{};
+    auto work = [&](int who, std::vector<uint8_t> command, std::vector<uint8_t> expected) {
+        for (int round = 0; round < kRounds; ++round) {
+            std::vector<uint8_t> back(expected.size());
+            const int32_t r = KSI_WriteReadBytes(KD_DEVTYPE_SPI, 0, 0, command.data(),
+                                                 static_cast<uint16_t>(command.size()), back.data(),
+                                                 static_cast<uint16_t>(back.size()));
+            if (r != 0 || back != expected) ++mismatches[static_cast<std::size_t>(who)];
+        }
+    };
+    testing::internal::CaptureStdout();  // the "ReadLen" line of every call
+    std::thread a(work, 0, std::vector<uint8_t>{0x9F}, std::vector<uint8_t>{0xEF, 0x40, 0x16});
+    std::thread b(work, 1, std::vector<uint8_t>{0x03, 0x00, 0x01, 0x00}, stored);
+    a.join();
+    b.join();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(mismatches[0].load(), 0);
+    EXPECT_EQ(mismatches[1].load(), 0);
 }
 
 }  // namespace
