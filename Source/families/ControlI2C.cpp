@@ -83,11 +83,7 @@ int32_t KII_CloseDevice(int32_t DevType, int32_t DevIndex) {
 }
 
 int32_t KII_ReadBoardInfo(int32_t DevIndex, PKII_BOARD_INFO pInfo) {
-    KII_BOARD_INFO ignored{};
-    KII_BOARD_INFO& info = pInfo ? *pInfo : ignored;
-    return read_board_info(DevIndex,
-                           {info.ProductName, info.FirmwareVersion, info.HardwareVersion, info.SerialNumber},
-                           pInfo == nullptr);
+    return read_board_info(DevIndex, pInfo);
 }
 
 // The channel index is not limited here; the transfers limit it.

@@ -135,6 +135,16 @@ int32_t check_block(int32_t DevType, int32_t DevIndex, int32_t SPIIndex, int64_t
         .require(BlockNum != 0, KD_ERR_DATA_FORMAT);
 }
 
+// The checks of the Microwire transfers (channels up to 15, below the description's 32: intended)
+// and the head of their payloads: channel, memory address and word count.
+int32_t check_mw(int32_t DevType, int32_t DevIndex, int32_t MWIndex, const uint16_t* words) {
+    return Check(kSpi, DevType, DevIndex).not_null(words).channel(MWIndex, spi::kMwMaxChannel);
+}
+
+proto::Writer& mw_head(Request& r, int32_t MWIndex, uint32_t MemAddr, uint16_t Len) {
+    return r.payload().be32(static_cast<uint32_t>(MWIndex)).be32(MemAddr).be16(Len);
+}
+
 }  // namespace
 
 // ---- Device management -------------------------------------------------------------------------
@@ -152,11 +162,7 @@ int32_t KSI_CloseDevice(int32_t DevType, int32_t DevIndex) {
 }
 
 int32_t KSI_ReadBoardInfo(int32_t DevIndex, PKSI_BOARD_INFO pInfo) {
-    KSI_BOARD_INFO ignored{};
-    KSI_BOARD_INFO& info = pInfo ? *pInfo : ignored;
-    return read_board_info(DevIndex,
-                           {info.ProductName, info.FirmwareVersion, info.HardwareVersion, info.SerialNumber},
-                           pInfo == nullptr);
+    return read_board_info(DevIndex, pInfo);
 }
 
 // ---- Configuration -----------------------------------------------------------------------------
@@ -436,12 +442,9 @@ int32_t KSI_MW_Init(int32_t DevType, int32_t DevIndex, PKSI_MW_INIT_CONFIG pInit
 // Words go most significant byte first. More words than one frame holds (51395) cannot go out: -5.
 int32_t KSI_MW_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t MWIndex, uint32_t MemAddr,
                           uint16_t* pWriteData, uint16_t Len) {
-    if (const int32_t r =
-            Check(kSpi, DevType, DevIndex).not_null(pWriteData).channel(MWIndex, spi::kMwMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_mw(DevType, DevIndex, MWIndex, pWriteData); r != 0) return r;
     Request request(MSG_KD_REQUEST_MW_WRITE_DATA);
-    proto::Writer& w = request.payload().be32(static_cast<uint32_t>(MWIndex)).be32(MemAddr).be16(Len);
+    proto::Writer& w = mw_head(request, MWIndex, MemAddr, Len);
     for (uint16_t i = 0; i < Len; ++i) w.be16(pWriteData[i]);
     return locked_status(DevIndex, request, MSG_SPI_WRITE_DATA_OK);
 }
@@ -454,12 +457,9 @@ int32_t KSI_MW_WriteBytes(int32_t DevType, int32_t DevIndex, int32_t MWIndex, ui
 // the words in place. Both intended.
 int32_t KSI_MW_ReadBytes(int32_t DevType, int32_t DevIndex, int32_t MWIndex, uint32_t MemAddr,
                          uint16_t* pReadData, uint16_t Len) {
-    if (const int32_t r =
-            Check(kSpi, DevType, DevIndex).not_null(pReadData).channel(MWIndex, spi::kMwMaxChannel);
-        r != 0)
-        return r;
+    if (const int32_t r = check_mw(DevType, DevIndex, MWIndex, pReadData); r != 0) return r;
     Request request(MSG_KD_REQUEST_MW_READ_DATA);
-    request.payload().be32(static_cast<uint32_t>(MWIndex)).be32(MemAddr).be16(Len);
+    mw_head(request, MWIndex, MemAddr, Len);
     const std::size_t words = 2 * std::size_t{Len};
     auto* bytes = reinterpret_cast<uint8_t*>(pReadData);
     int32_t got = 0;

@@ -146,6 +146,17 @@ struct BoardInfoFields {
 // Opens the board again, tests the connection, asks for the product information and copies it.
 int32_t read_board_info(int32_t DevIndex, const BoardInfoFields& info, bool info_is_null);
 
+// The same for a family's own record type (every family's has these four fields): the body of its
+// ReadBoardInfo function.
+template <typename Info>
+int32_t read_board_info(int32_t DevIndex, Info* pInfo) {
+    Info ignored{};
+    Info& info = pInfo ? *pInfo : ignored;
+    return read_board_info(DevIndex,
+                           {info.ProductName, info.FirmwareVersion, info.HardwareVersion, info.SerialNumber},
+                           pInfo == nullptr);
+}
+
 // ---- The board lock -------------------------------------------------------------------------
 
 // Holds the process-wide board lock for a scope, for the family functions documented to take it
