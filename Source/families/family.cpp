@@ -49,9 +49,11 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_
     return USB_GetStatusWithTimeOut(dev, timeout_ms) == ok ? KD_SUCCESS : KD_ERR_EXECUTE_CMD;
 }
 
-int32_t send_bare(int32_t dev, int32_t code) {
-    return USB_SendStatus(dev, S_MSG{code, 0, MSG_NO_STATE, 0, nullptr}) == 0 ? KD_SUCCESS
-                                                                              : KD_ERR_USB_WRITE_FAIL;
+int32_t send_bare(int32_t dev, int32_t code, std::span<const uint8_t> payload) {
+    // USB_SendStatus only reads the payload.
+    S_MSG msg{code, static_cast<int32_t>(payload.size()), MSG_NO_STATE, 0,
+              payload.empty() ? nullptr : const_cast<uint8_t*>(payload.data())};
+    return USB_SendStatus(dev, msg) == 0 ? KD_SUCCESS : KD_ERR_USB_WRITE_FAIL;
 }
 
 int32_t request_fetch(int32_t dev, Request& request, MSG_STATE ok, int32_t fetch, FetchSend policy,

@@ -91,9 +91,10 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok);
 // The same, with one status read attempt on the current board handle and the caller's time-out.
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_ms);
 
-// Sends a bare message (the code alone, no payload) in a 7-byte frame, as the data-fetch requests
-// go: 0, or -5.
-int32_t send_bare(int32_t dev, int32_t code);
+// Sends a short message through the status path (USB_SendStatus: a 7-byte header, packet number
+// 0, at most 505 payload bytes, 500 ms), as the data-fetch requests (no payload) and the CAN polls
+// (the channel byte) go: 0, or -5.
+int32_t send_bare(int32_t dev, int32_t code, std::span<const uint8_t> payload = {});
 
 // Whether a data-fetch message that did not go out ends a read handshake with -5 (Checked), or is
 // let pass, so that the data read finds nothing and fails by itself (Unchecked). Each family

@@ -114,6 +114,50 @@ inline constexpr int kDataTimeoutMs = 5000;           // raw data reads
 inline constexpr int kFlashReadTimeoutMs = 2000;      // the flash engine's data read
 }  // namespace spi
 
+namespace can {
+// Channels are numbered 1 and 2 on the wire (CAN index 0 and 1 in the ControlCAN-style interface).
+inline constexpr uint8_t kChannel1 = 1;
+inline constexpr uint8_t kChannel2 = 2;
+inline constexpr int kDevices = 30;             // per-device tables: device indices 0 to 29
+inline constexpr uint32_t kQueueSlots = 10001;  // one receive queue; one slot always stays free
+inline constexpr uint32_t kQueueCapacity = kQueueSlots - 1;
+inline constexpr std::size_t kStagedFramesMax = 34265;  // transmit staging array
+inline constexpr std::size_t kWriteBatchMax = 102793;   // packed frames of one write message
+inline constexpr uint32_t kClockHz = 36000000;          // the adapter's CAN controller clock
+inline constexpr int kFilterBanks = 28;                 // 0-13 channel 1, 14-27 channel 2
+inline constexpr int kBanksPerChannel = 14;
+inline constexpr unsigned kPollPeriodUs = 10000;       // read threads poll every 10 ms
+inline constexpr std::size_t kPollReadMax = 10240;     // bytes of one receive reply
+inline constexpr std::size_t kStatusPayloadSize = 18;  // status-code reply payload
+inline constexpr std::size_t kErrorPayloadSize = 17;   // error-code reply payload, per channel
+
+// Frame records, host to adapter and adapter to host. Flags byte: bits 0-1 channel, bit 2
+// remote, bit 3 extended identifier, bits 4-7 data length. Identifiers little-endian (2 bytes
+// standard, 4 extended); received records carry a little-endian 32-bit time stamp after the
+// identifier, then the data (none for a remote frame).
+inline constexpr uint8_t kFlagChannelMask = 0x03;
+inline constexpr uint8_t kFlagRemote = 0x04;
+inline constexpr uint8_t kFlagExtended = 0x08;
+inline constexpr unsigned kFlagLengthShift = 4;
+inline constexpr uint8_t kMaxDataLength = 8;
+inline constexpr uint32_t kStdIdMask = 0x7FF;
+inline constexpr uint32_t kExtIdMask = 0x1FFFFFFF;
+inline constexpr std::size_t kTxStdHeader = 3;  // flags + 2 identifier bytes
+inline constexpr std::size_t kTxExtHeader = 5;  // flags + 4 identifier bytes
+inline constexpr std::size_t kRxStdHeader = 7;  // flags + 2 identifier bytes + time stamp
+inline constexpr std::size_t kRxExtHeader = 9;  // flags + 4 identifier bytes + time stamp
+
+// Controller modes as the channel initialisation carries them.
+inline constexpr uint8_t kModeNormal = 0;
+inline constexpr uint8_t kModeLoopBack = 1;
+inline constexpr uint8_t kModeSilent = 2;
+inline constexpr uint8_t kModeSilentLoopBack = 3;
+
+// Payload sizes of the channel and filter initialisations.
+inline constexpr std::size_t kInitPayloadSize = 14;
+inline constexpr std::size_t kFilterPayloadSize = 15;
+}  // namespace can
+
 // ---- Big-endian fields -----------------------------------------------------------------------
 
 constexpr void put_be16(uint8_t* p, uint32_t v) {
