@@ -334,6 +334,31 @@ TEST_F(CanWire, ReadThreadPollsDecodesAndStops) {
     EXPECT_EQ(got[3].ID, 0x123u);
 }
 
+// The buffered interface's decoding keeps DLC as sent and takes that many bytes, remote or not.
+TEST_F(CanWire, BufferedThreadDecodesItsOwnForm) {
+    const Bytes remote = {0x2E, 0x78, 0x56, 0x34, 0x12, 0x05, 0x00, 0x00, 0x00, 0xC1, 0xC2};
+    const Bytes standard = {0x11, 0x23, 0x01, 0x00, 0x00, 0x00, 0x00, 0x99};
+    inject_bulk(status_answer(2));
+    inject_bulk(receive_reply(remote + standard));
+    ASSERT_EQ(CAN_StartThreadRead(1), 1);
+    ASSERT_TRUE(until([] { return CAN_GetReceiveNum(1) == 2; }));
+    EXPECT_EQ(CAN_StopThreadRead(1), 1);
+    EXPECT_EQ(sent()[0], request(2824, {1}));
+    EXPECT_EQ(sent()[1], request(2822, {1}));
+    CanRxMsg got[3]{};
+    ASSERT_EQ(CAN_ReadBuffer(1, got, 3), 2);
+    EXPECT_EQ(got[0].ExtId, 0x12345678u);
+    EXPECT_EQ(got[0].IDE, 4);
+    EXPECT_EQ(got[0].RTR, 2);
+    EXPECT_EQ(got[0].DLC, 2);
+    EXPECT_EQ(got[0].Channel, 2);
+    EXPECT_EQ(got[0].Data[1], 0xC2);
+    EXPECT_EQ(got[0].CAN_Time, 5u);
+    EXPECT_EQ(got[1].StdId, 0x123u);
+    EXPECT_EQ(got[1].DLC, 1);
+    EXPECT_EQ(got[1].Data[0], 0x99);
+}
+
 class CanWireOneChannel : public CanWire {
   protected:
     void SetUp() override { start(KD_DEVTYPE_CAN1); }
