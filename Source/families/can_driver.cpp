@@ -28,7 +28,9 @@ constexpr int kReadTimeoutMs = 500;           // the receive reply and the statu
 constexpr int kErrorCodeTimeoutMs = 2000;     // the error-code reply
 constexpr std::size_t kReadReplyMax = 10250;  // what a receive read asks for
 constexpr std::size_t kThreadSendBuffer = 512;
-constexpr std::size_t kThreadReplyBuffer = 8192;
+// The buffered read thread's reply buffer holds the payload of the largest receive reply (the
+// adapter sends at most 10240 bytes), so no frame of a full reply is cut off.
+constexpr std::size_t kThreadReplyBuffer = kReadReplyMax;
 constexpr std::size_t kTextBuffer = 64;
 
 // A text into the reply buffer, cut to its capacity (nothing without a buffer).
