@@ -608,8 +608,9 @@ std::vector<CanReceived> CanEngine::waiting(int channel) {
 
 void CanEngine::set_generator(const CanGeneratorSpec& spec) {
     sync();
+    if (spec.rate != 0 && !has_channel(spec.bus)) return;
     generator_.reset();
-    if (spec.rate == 0 || !has_channel(spec.bus)) return;
+    if (spec.rate == 0) return;
     generator_.emplace(spec, time_us());
     next_ = 1;
 }
@@ -620,7 +621,7 @@ CanGeneratorSpec CanEngine::generator() const {
 
 void CanEngine::set_echo(const CanEchoSpec& spec) {
     sync();
-    echo_ = has_channel(spec.bus) ? spec : CanEchoSpec{};
+    if (spec.bus == 0 || has_channel(spec.bus)) echo_ = spec;
 }
 
 void CanEngine::set_split(bool split) {
