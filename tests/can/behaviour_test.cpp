@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <vector>
 
 #include "ControlCANBuffered.h"
 #include "can_fixture.hpp"
@@ -193,6 +194,27 @@ TEST_F(CanBus, BufferedInterfaceEndToEnd) {
     EXPECT_EQ(in[1].IDE, 4);
     EXPECT_EQ(in[1].Data[0], 0xD1);
     EXPECT_EQ(CAN_GetReceiveNum(2), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// 600 extended frames of 8 bytes wait at once: one receive reply of 10207 bytes carries them all,
+// and the buffered thread keeps every one of them.
+TEST_F(CanBus, BufferedInterfaceKeepsAFullReply) {
+    ASSERT_NO_FATAL_FAILURE(start(kCan2));
+    ASSERT_EQ(VCI_InitCAN(kCan2, 0, 1, &k500k), 1u);
+    ASSERT_EQ(CAN_StartThreadRead(2), 1);
+    std::vector<CanTxMsg> out(600, CanTxMsg{0, 0, 4, 0, 8, {1, 2, 3, 4, 5, 6, 7, 8}, 1});
+    for (std::size_t i = 0; i < out.size(); ++i) out[i].ExtId = 0x10000 + static_cast<uint32_t>(i);
+    ASSERT_EQ(CAN_Transmit(out.data(), 600, 0), 600);
+    ASSERT_TRUE(within([] { return CAN_GetReceiveNum(2) == 600; }));
+    EXPECT_EQ(CAN_StopThreadRead(2), 1);
+    std::vector<CanRxMsg> in(601);
+    ASSERT_EQ(CAN_ReadBuffer(2, in.data(), 601), 600);
+    EXPECT_EQ(in[599].ExtId, 0x10000u + 599);
+    EXPECT_EQ(in[599].Data[7], 8);
 }
 
 }  // namespace
