@@ -3,11 +3,12 @@
  * layouts and return conventions.
  *
  * Conventions: DevType is 3 (VCI_USBCAN1, one channel) or 4 (VCI_USBCAN2, two channels); any other
- * type is rejected. DevIndex is the adapter's index in the board list (0 to 29 for the per-device
- * tables); CANIndex is 0 for the first channel and 1 for the second. With DevType 3 the first
- * channel is used whatever CANIndex says. Functions return 1 (STATUS_OK) on success and 0
- * (STATUS_ERR) on failure unless their comment says otherwise; the reason of a failure is left in
- * the channel's error record, read and cleared with VCI_ReadErrInfo.
+ * type is rejected. DevIndex is the adapter's index in the board list, 0 to 29: every function that
+ * keeps per-device state fails for a larger index (VCI_Receive with 0xFFFFFFFF); CANIndex is 0 for
+ * the first channel and 1 for the second. With DevType 3 the first channel is used whatever
+ * CANIndex says. Functions return 1 (STATUS_OK) on success and 0 (STATUS_ERR) on failure unless
+ * their comment says otherwise; the reason of a failure is left in the channel's error record, read
+ * and cleared with VCI_ReadErrInfo.
  *
  * Reception: VCI_StartCAN starts a background thread per channel that polls the adapter every
  * 10 ms and appends the frames it gets to the channel's receive queue (10000 frames; when full, the
@@ -190,9 +191,10 @@ CORVEL_API uint32_t VCI_InitCAN(uint32_t DevType, uint32_t DevIndex, uint32_t CA
 /* Initialises a channel from explicit bit timing; the filter is left as it is. Holds the lock. */
 CORVEL_API uint32_t VCI_InitCANEx(uint32_t DevType, uint32_t DevIndex, uint32_t CANIndex,
                                   PVCI_INIT_CONFIG_EX pInitConfig);
-/* Starts the channel's read thread; sends nothing to the adapter. 0x4000 when the thread could not
- * be created. The thread ends itself when a request does not go out, after three read time-outs in
- * a row, on a reply shorter than its header and when the adapter is gone.
+/* Starts the channel's read thread; sends nothing to the adapter. A thread still running on the
+ * channel is stopped first. 0x4000 when the thread could not be created. The thread ends itself
+ * when a request does not go out, after three read time-outs in a row, on a reply shorter than its
+ * header and when the adapter is gone.
  * Caution: a receive reply whose status is not 45 leaves the lock held, and the thread's next poll
  * then waits for it forever (the adapter's interface has always behaved so): from then on every
  * function that takes the lock hangs, VCI_ResetCAN and VCI_CloseDevice included. The adapter does
@@ -255,8 +257,9 @@ CORVEL_API uint32_t VCI_LogoutReceiveCallback(uint32_t DevIndex);
  * Holds the lock. */
 CORVEL_API uint32_t VCI_ReadCANStatus(uint32_t DevType, uint32_t DevIndex, uint32_t CANIndex,
                                       PVCI_CAN_STATUS pCANStatus);
-/* Copies the channel's error record, then clears it: 1; 0 for a bad type. Needs no connection and
- * takes no lock (a status read at the same moment may set bits that the clear then loses). */
+/* Copies the channel's error record, then clears it: 1; 0 for a bad type or a null record. Needs no
+ * connection and takes no lock (a status read at the same moment may set bits that the clear then
+ * loses). */
 CORVEL_API uint32_t VCI_ReadErrInfo(uint32_t DevType, uint32_t DevIndex, uint32_t CANIndex,
                                     PVCI_ERR_INFO pErrInfo);
 /* Programs one filter bank of the channel (banks 0 to 13 belong to the first channel, 14 to 27 to

@@ -41,16 +41,18 @@ typedef struct _CanTxMsg {
     uint8_t Channel; /* 1 or 2 */
 } CanTxMsg;
 
-/* Empties the channel's queue and starts its read thread: 1, or 0 when the thread could not be
- * created or the channel is neither 1 nor 2. The thread ends itself when the device is gone or a
- * read fails for another reason than "no data". */
+/* Empties the channel's queue and starts its read thread (stopping one still running on it first):
+ * 1, or 0 when the thread could not be created or the channel is neither 1 nor 2. The thread ends
+ * itself when the device is gone or a read fails for another reason than "no data". */
 CORVEL_API int32_t CAN_StartThreadRead(int32_t Channel);
 /* Stops the channel's read thread and waits for it to end: 1. Queued frames stay readable. */
 CORVEL_API int32_t CAN_StopThreadRead(int32_t Channel);
-/* Takes up to Len frames from the channel's queue: the number taken (0 for another channel). */
+/* Takes up to Len frames from the channel's queue: the number taken (0 for another channel or a
+ * null buffer). */
 CORVEL_API int32_t CAN_ReadBuffer(int32_t Channel, CanRxMsg* pBuffer, uint32_t Len);
 /* Sends Len frames, in batches of up to 102793 packed bytes; Mode 1 uses the alternative write
- * message. Returns the number of frames sent: on a refused batch, those of the batches before. */
+ * message. Returns the number of frames sent: on a refused batch, those of the batches before (0
+ * for a null pointer or a count below 1). */
 CORVEL_API int32_t CAN_Transmit(CanTxMsg* pFrames, int32_t Len, int32_t Mode);
 /* The number of frames waiting in the channel's queue (0 for another channel). Takes no lock. */
 CORVEL_API int32_t CAN_GetReceiveNum(int32_t Channel);

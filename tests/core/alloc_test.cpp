@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "ControlCAN.h"
 #include "ControlI2C.h"
 #include "ControlSPI.h"
 #include "wire.hpp"
@@ -77,9 +78,11 @@ TEST(Allocation, NoneOnTheSendAndReceivePaths) {
     dl_iterate_phdr(find_library, nullptr);
     ASSERT_NE(library_begin, 0u);
 
-    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI)});
+    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI), adapter("C", KD_DEVTYPE_CAN2)});
     ASSERT_EQ(KII_OpenDevice(1, 0, 0), 0);
     ASSERT_EQ(KSI_OpenDevice(2, 1, 0), 0);
+    ASSERT_EQ(VCI_OpenDevice(4, 2, 0), 1u);
+    sim::silence(2, true);
     // Warm-up: a thread's first message allocates that thread's buffer set (and the first transfer
     // the device list's table of handles in use); from then on nothing is allocated per message.
     KII_INIT_CONFIG c{1, 0, 7, 1, 0, 100000};
@@ -105,14 +108,19 @@ TEST(Allocation, NoneOnTheSendAndReceivePaths) {
     EXPECT_EQ(KSI_WriteReadBytes(2, 1, 0, &jedec, 1, bytes, 3), 0);
     EXPECT_EQ(KSI_ReadBits(2, 1, 1, text, 16), 0);
     EXPECT_EQ(KSI_BlockReadBytes(2, 1, 0, bytes, 8, 4, 10), 0);
+    // CAN frames out and the receive queue read.
+    VCI_CAN_OBJ frames[16]{};
+    inject_bulk(status_answer(MSG_CAN_WRITE_DATA_OK), 2);
+    EXPECT_EQ(VCI_Transmit(4, 2, 0, frames, 16), 16u);
+    EXPECT_EQ(VCI_Receive(4, 2, 0, frames, 16, 0), 0u);
     counting = false;
     EXPECT_EQ(library_allocations.load(), 0);
 
     // The counter does see the library's own allocations: a scan that finds a new adapter
     // allocates its list node.
-    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI), adapter("B")});
+    sim::configure({adapter("A"), adapter("S", KD_DEVTYPE_SPI), adapter("C", KD_DEVTYPE_CAN2), adapter("B")});
     counting = true;
-    EXPECT_EQ(KD_EnumBoard(1), 3);
+    EXPECT_EQ(KD_EnumBoard(1), 4);
     counting = false;
     EXPECT_GT(library_allocations.load(), 0);
 }
