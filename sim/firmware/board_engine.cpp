@@ -32,12 +32,15 @@ class BoardEngine final : public Engine {
         };
         return kRoutes;
     }
+    // On the CAN types the CAN engine answers the frames-waiting command from its FIFOs.
     std::span<const Route> commands() const override {
         static constexpr Route kCommands[] = {
             route<&BoardEngine::version>(KD_CMD_GET_CORVEL_VN),
             route<&BoardEngine::can_frames_waiting>(KD_CMD_CAN_GET_DATA_FLAG),
         };
-        return kCommands;
+        const int p = port_.identity().personality;
+        const bool can = p == proto::kDevTypeCan1 || p == proto::kDevTypeCan2;
+        return std::span<const Route>(kCommands).first(can ? 1 : 2);
     }
 
   private:
@@ -77,7 +80,7 @@ class BoardEngine final : public Engine {
         port_.command_answer(std::move(out));
     }
 
-    // The command and the count of received CAN frames waiting: the board itself holds none.
+    // The command and the count of received CAN frames waiting: an adapter without CAN holds none.
     void can_frames_waiting(Request& r) {
         Bytes out;
         append_be32(out, r.code);

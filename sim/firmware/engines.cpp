@@ -2,6 +2,7 @@
 #include <array>
 
 #include "firmware/board_engine.hpp"
+#include "firmware/can_engine.hpp"
 #include "firmware/engine.hpp"
 #include "firmware/i2c_engine.hpp"
 #include "firmware/spi_engine.hpp"
@@ -13,6 +14,7 @@ std::span<const EngineEntry> engine_table() {
         EngineEntry{"board", &make_board_engine},
         EngineEntry{"i2c", &make_i2c_engine},
         EngineEntry{"spi", &make_spi_engine},
+        EngineEntry{"can", &make_can_engine},
     };
     return kEngines;
 }

@@ -2,10 +2,12 @@
 //
 //   ""                       one default adapter
 //   "N"                      N default adapters (serials CV0000000001 ... ), 0 for none
-//   "k=v,k=v;k=v,..."        one adapter per ';'-separated entry, keys serial, type, vid, pid
+//   "k=v,k=v;k=v,..."        one adapter per ';'-separated entry, keys serial, type, vid, pid,
+//                            and on the CAN types the bus and its nodes (bitrate, bus, echo, gen...)
 //
 // An entry's unspecified keys take the defaults of its position (the second entry's serial is
 // CV0000000002). "serial=-" means the adapter has no serial-number string.
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <stdexcept>
@@ -14,6 +16,7 @@
 #include <vector>
 
 #include "corvel/sim.hpp"
+#include "firmware/can_engine.hpp"
 
 namespace corvel::sim {
 namespace {
@@ -65,6 +68,140 @@ std::optional<unsigned long> number(std::string_view text, unsigned long max) {
     return value;
 }
 
+constexpr unsigned long kBitRateMin = 1000;
+constexpr unsigned long kBitRateMax = 1000000;
+constexpr unsigned long kGeneratorRateMax = 1000000;  // frames per second
+
+std::string quoted(std::string_view key, std::string_view value) {
+    return std::string(key) + "=" + std::string(value);
+}
+
+unsigned long bit_rate(std::size_t position, std::string_view key, std::string_view value) {
+    auto r = number(value, kBitRateMax);
+    if (!r || *r < kBitRateMin) fail(position, quoted(key, value) + ": bit rate must be 1000 to 1000000");
+    return *r;
+}
+
+int bus_number(std::size_t position, std::string_view key, std::string_view value) {
+    if (value != "1" && value != "2") fail(position, quoted(key, value) + ": bus must be 1 or 2");
+    return value[0] - '0';
+}
+
+// FIRST-LAST, two identifiers.
+bool id_range(std::string_view text, CanGeneratorSpec& g) {
+    const auto dash = text.find('-');
+    if (dash == std::string_view::npos) return false;
+    auto first = number(trim(text.substr(0, dash)), proto::can::kExtIdMask);
+    auto last = number(trim(text.substr(dash + 1)), proto::can::kExtIdMask);
+    if (!first || !last || *first > *last) return false;
+    g.id_first = static_cast<uint32_t>(*first);
+    g.id_last = static_cast<uint32_t>(*last);
+    return true;
+}
+
+// The CAN keys of one entry, checked against each other once the whole entry is read.
+struct CanKeys {
+    std::vector<std::string> given;
+    bool random_range = false;  // gen_id=random:FIRST-LAST (else the whole range of the format)
+
+    void parse(std::size_t position, std::string_view key, std::string_view value, CanSpec& c) {
+        CanGeneratorSpec& g = c.generator;
+        if (key == "bitrate") {
+            c.bitrate = static_cast<uint32_t>(bit_rate(position, key, value));
+            if (!fw::can_rates_match(fw::can_timing(c.bitrate).bitrate, c.bitrate))
+                fail(position,
+                     quoted(key, value) + ": the controller's 36 MHz clock cannot make it within 1 %");
+        } else if (key == "bus") {
+            if (value != "shared" && value != "split")
+                fail(position, quoted(key, value) + ": shared or split");
+            c.split = value == "split";
+        } else if (key == "echo") {
+            c.echo.bus = bus_number(position, key, value);
+        } else if (key == "echo_bitrate") {
+            c.echo.bitrate = static_cast<uint32_t>(bit_rate(position, key, value));
+        } else if (key == "gen") {
+            auto r = number(value, kGeneratorRateMax);
+            if (!r) fail(position, quoted(key, value) + ": frames per second, 0 to 1000000");
+            g.rate = static_cast<uint32_t>(*r);
+        } else if (key == "gen_bus") {
+            g.bus = bus_number(position, key, value);
+        } else if (key == "gen_bitrate") {
+            g.bitrate = static_cast<uint32_t>(bit_rate(position, key, value));
+        } else if (key == "gen_id") {
+            if (value == "random") {
+                g.ids = CanGeneratorSpec::Ids::Random;
+            } else if (value.starts_with("random:")) {
+                g.ids = CanGeneratorSpec::Ids::Random;
+                random_range = id_range(value.substr(7), g);
+                if (!random_range) fail(position, quoted(key, value) + ": random:FIRST-LAST");
+            } else if (id_range(value, g)) {
+                g.ids = CanGeneratorSpec::Ids::Increment;
+            } else if (auto id = number(value, proto::can::kExtIdMask)) {
+                g.id_first = g.id_last = static_cast<uint32_t>(*id);
+            } else {
+                fail(position, quoted(key, value) + ": ID, FIRST-LAST, random or random:FIRST-LAST");
+            }
+        } else if (key == "gen_ext") {
+            if (value != "0" && value != "1") fail(position, quoted(key, value) + ": 0 or 1");
+            g.extended = value == "1";
+        } else if (key == "gen_dlc") {
+            auto n = number(value, proto::can::kMaxDataLength);
+            if (!n) fail(position, quoted(key, value) + ": 0 to 8");
+            g.dlc = static_cast<uint8_t>(*n);
+        } else if (key == "gen_data") {
+            parse_data(position, value, g);
+        } else if (key == "gen_seed") {
+            auto n = number(value, 0xFFFFFFFF);
+            if (!n) fail(position, quoted(key, value) + ": 0 to 0xFFFFFFFF");
+            g.seed = static_cast<uint32_t>(*n);
+        } else {
+            fail(position, "unknown key \"" + std::string(key) +
+                               "\" (serial, type, vid, pid; CAN: bitrate, bus, echo, echo_bitrate, gen, "
+                               "gen_bus, gen_bitrate, gen_id, gen_ext, gen_dlc, gen_data, gen_seed)");
+        }
+        given.emplace_back(key);
+    }
+
+    // counter, random, or up to eight bytes in hexadecimal (two digits each).
+    static void parse_data(std::size_t position, std::string_view value, CanGeneratorSpec& g) {
+        if (value == "counter" || value == "random") {
+            g.data = value == "counter" ? CanGeneratorSpec::Data::Counter : CanGeneratorSpec::Data::Random;
+            return;
+        }
+        if (value.empty() || value.size() % 2 != 0 || value.size() > 16)
+            fail(position, quoted("gen_data", value) + ": counter, random or 1 to 8 bytes in hexadecimal");
+        g.data = CanGeneratorSpec::Data::Fixed;
+        for (std::size_t i = 0; i < value.size(); i += 2) {
+            auto byte = number("0x" + std::string(value.substr(i, 2)), 0xFF);
+            if (!byte) fail(position, quoted("gen_data", value) + ": not hexadecimal");
+            g.fixed[i / 2] = static_cast<uint8_t>(*byte);
+        }
+    }
+
+    bool has(std::string_view key) const { return std::find(given.begin(), given.end(), key) != given.end(); }
+
+    void check(std::size_t position, AdapterSpec& a) const {
+        if (given.empty()) return;
+        if (a.personality != proto::kDevTypeCan1 && a.personality != proto::kDevTypeCan2)
+            fail(position, given.front() + " needs a CAN type (type=3 or type=4)");
+        CanSpec& c = a.can;
+        CanGeneratorSpec& g = c.generator;
+        for (const std::string& key : given) {
+            if (key.starts_with("gen_") && !has("gen")) fail(position, key + " needs gen=RATE");
+            if (key == "echo_bitrate" && !has("echo")) fail(position, "echo_bitrate needs echo=BUS");
+        }
+        if (a.personality == proto::kDevTypeCan1 && (c.split || c.echo.bus == 2 || g.bus == 2))
+            fail(position, "a one-channel adapter has bus 1 only");
+        const uint32_t mask = g.extended ? proto::can::kExtIdMask : proto::can::kStdIdMask;
+        if (g.ids == CanGeneratorSpec::Ids::Random && !random_range) {
+            g.id_first = 0;
+            g.id_last = mask;
+        }
+        if (g.id_last > mask)
+            fail(position, "gen_id above the " + std::string(g.extended ? "29" : "11") + "-bit identifiers");
+    }
+};
+
 AdapterSpec default_adapter(std::size_t position) {
     AdapterSpec a;
     char serial[16];
@@ -76,6 +213,7 @@ AdapterSpec default_adapter(std::size_t position) {
 AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
     AdapterSpec a = default_adapter(position);
     std::vector<std::string_view> seen;
+    CanKeys can;
     while (true) {
         const auto comma = entry.find(',');
         const std::string_view item = trim(entry.substr(0, comma));
@@ -103,11 +241,12 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
                 fail(position, std::string(key) + " must be 0 to 0xFFFF, got \"" + std::string(value) + "\"");
             (key == "vid" ? a.vendor : a.product) = static_cast<uint16_t>(*id);
         } else {
-            fail(position, "unknown key \"" + std::string(key) + "\" (serial, type, vid, pid)");
+            can.parse(position, key, value, a.can);
         }
         if (comma == std::string_view::npos) break;
         entry.remove_prefix(comma + 1);
     }
+    can.check(position, a);
     return a;
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "corvel/sim.hpp"
+#include "cpu_meter.hpp"
 #include "simulator.hpp"
 
 // <usb.h> declares it outside its extern "C" block; a variable name is not mangled either way.
@@ -29,8 +30,10 @@ constexpr uint16_t kLanguageEnglishUs = 0x0409;
 
 // Runs `fn`, turning an exception (only an allocation failure can get here) into `on_error`: no
 // exception may cross the C interface.
+// Every entry point goes through here, so this is also where the drop-in's CPU time is measured.
 template <typename R, typename Fn>
 R guarded(R on_error, Fn&& fn) noexcept {
+    const CpuMeter meter;
     try {
         return fn();
     } catch (...) {

@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "corvel/sim.hpp"
+#include "cpu_meter.hpp"
 #include "simulator.hpp"
 
 namespace corvel::sim {
@@ -23,6 +24,7 @@ bool sleep_virtually(uint64_t us) {
     Simulator& s = Simulator::instance();
     if (!s.clock.on()) return false;
     {
+        const CpuMeter meter;
         std::lock_guard<std::recursive_mutex> lock(s.mutex());
         s.clock.sleep(us);
     }

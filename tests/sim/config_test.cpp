@@ -55,6 +55,69 @@ TEST(ParseConfig, GoodAndBadTexts) {
     }
 }
 
+// The CAN keys: "bitrate split echo/rate gen/bus/rate ids first-last ext dlc data" per CAN adapter.
+std::string can_parsed(const std::string& text) {
+    std::string out;
+    try {
+        for (const AdapterSpec& a : parse_config(text)) {
+            const CanSpec& c = a.can;
+            const CanGeneratorSpec& g = c.generator;
+            char line[160];
+            std::snprintf(line, sizeof line, "%u %s %d/%u %u/%d/%u %d %x-%x %d %u %d%02x", c.bitrate,
+                          c.split ? "split" : "shared", c.echo.bus, c.echo.bitrate, g.rate, g.bus, g.bitrate,
+                          int(g.ids), g.id_first, g.id_last, g.extended, g.dlc, int(g.data), g.fixed[0]);
+            out += (out.empty() ? "" : "; ") + std::string(line);
+        }
+    } catch (const std::invalid_argument&) {
+        return "error";
+    }
+    return out;
+}
+
+TEST(ParseConfig, CanKeys) {
+    const struct {
+        std::string text;
+        std::string can;
+    } cases[] = {
+        {"type=4", "500000 shared 0/0 0/1/0 0 100-100 0 8 000"},
+        {"type=1;type=2;type=4,gen=10",
+         "500000 shared 0/0 0/1/0 0 100-100 0 8 000; 500000 shared 0/0 0/1/0 0 100-100 0 8 000; "
+         "500000 shared 0/0 10/1/0 0 100-100 0 8 000"},
+        {"type=4,bitrate=250000,bus=split,echo=2,echo_bitrate=125000",
+         "250000 split 2/125000 0/1/0 0 100-100 0 8 000"},
+        {"type=4,gen=1000,gen_bus=2,gen_bitrate=1000000,gen_id=0x10-0x20,gen_dlc=2,gen_data=random",
+         "500000 shared 0/0 1000/2/1000000 1 10-20 0 2 100"},
+        {"type=3,gen=5,gen_id=random,gen_ext=1,gen_data=A1B2,gen_seed=7",
+         "500000 shared 0/0 5/1/0 2 0-1fffffff 1 8 2a1"},
+        {"type=3,gen=5,gen_id=random:1-0x7ff,gen_id=0x7FF", "error"},  // given twice
+        {"type=3,gen=5,gen_id=0x1FFFFFFF,gen_ext=1", "500000 shared 0/0 5/1/0 0 1fffffff-1fffffff 1 8 000"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(can_parsed(c.text), c.can) << c.text;
+    for (const char* text : {"gen=10",
+                             "type=2,bitrate=500000",
+                             "type=4,bitrate=999",
+                             "type=4,bitrate=1000001",
+                             "type=4,bitrate=970000",  // out of the controller's reach
+                             "type=4,bus=both",
+                             "type=4,echo=3",
+                             "type=3,echo=2",
+                             "type=3,bus=split",
+                             "type=4,echo_bitrate=1000",
+                             "type=4,gen_id=5",
+                             "type=4,gen=1000001",
+                             "type=4,gen=1,gen_id=0x800",
+                             "type=4,gen=1,gen_id=9-8",
+                             "type=4,gen=1,gen_id=random:5",
+                             "type=4,gen=1,gen_dlc=9",
+                             "type=4,gen=1,gen_data=ABC",
+                             "type=4,gen=1,gen_data=0102030405060708090A",
+                             "type=4,gen=1,gen_data=zz",
+                             "type=4,gen=1,gen_ext=2",
+                             "type=4,colour=red"}) {
+        EXPECT_EQ(can_parsed(text), "error") << text;
+    }
+}
+
 // Runs in a child process started afresh, so that the environment is read at first use.
 TEST(StartUp, MalformedEnvironmentFallsBackToOneDefaultAdapter) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -121,6 +121,13 @@ CORVEL_SIM_API void reset_clock();   // both back to zero
 // waits (a pin event, a frame on a bus).
 CORVEL_SIM_API void schedule(uint64_t at_us, std::function<void()> fn);
 
+// ---- Cost of the model ------------------------------------------------------------------------
+
+// Processor time (ns) that all threads together have spent inside the drop-in since the process
+// began: every libusb call and the virtual sleeps, the firmware model's work included. A benchmark
+// subtracts it from the process's own CPU time to see the library's.
+CORVEL_SIM_API uint64_t cpu_time_ns();
+
 // ---- Firmware state -------------------------------------------------------------------------
 
 // The adapter's 2048-byte user-data area as the firmware holds it.
