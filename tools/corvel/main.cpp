@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
     }
 
     if (ctx.sim) {
-        if (int status = enter_virtual_adapter(argv); status != 0) return status;
+        if (int status = enter_virtual_adapter(argv, ctx.sim_clock); status != 0) return status;
     }
     return ctx.run();
 }
