@@ -25,5 +25,6 @@ void add_info_commands(CLI::App& app, Context& ctx);
 void add_i2c_commands(CLI::App& app, Context& ctx);
 void add_spi_commands(CLI::App& app, Context& ctx);
 void add_flash_commands(CLI::App& app, Context& ctx);
+void add_can_commands(CLI::App& app, Context& ctx);
 
 }  // namespace corvel::cli

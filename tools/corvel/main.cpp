@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
     add_i2c_commands(app, ctx);
     add_spi_commands(app, ctx);
     add_flash_commands(app, ctx);
+    add_can_commands(app, ctx);
     app.footer("Run any other program on the virtual adapter with: corvel-sim PROGRAM [ARGS...]");
 
     try {
