@@ -1,9 +1,9 @@
-# The CAN family: `corvel can`.
+# The CAN family: `corvel can` and the CAN loopback example.
 #
 # Every corvel process starts a virtual adapter of its own, so what one process sends no other sees:
 # the dumps below read the traffic generator of the virtual bench (adapter 2, both channels on one
 # bus, identifier 100 with 8 bytes counting the frames, 10 frames a second), and sending and
-# receiving in one process is the loopback example's case. Dumps run on the real clock, as `can dump` does
+# receiving in one process is the example's case. Dumps run on the real clock, as `can dump` does
 # unless CORVEL_SIM_CLOCK is set: with the virtual one a read thread kept off the processor falls
 # behind the other channel's, whose sleeps move the clock on. They stop after a count (-n), which
 # at 10 frames a second takes a fraction of a second.
@@ -99,3 +99,14 @@ foreach(case IN LISTS CAN_USAGE_CASES)
   corvel_cli_test(can.usage.${name}
     CHECK --status 2 --err "${message}" --out-lines 0 -- ${CORVEL} --sim can ${args})
 endforeach()
+
+# --- the CAN loopback example --------------------------------------------------------------
+# Channel 2 takes the example's identifiers only, so the generator's frames do not count. The
+# example waits up to 100 sleeps of 10 ms for its frames; with the virtual clock those pass in a
+# moment, before a read thread kept off the processor has polled, so these run on the real clock.
+corvel_cli_test(corvel_sim.example_can_loopback ENV CORVEL_SIM_CLOCK=real
+  CHECK --out "CAN adapter: 2 \\(Corvel Dual CAN Adapter\\)" --out "  709  \\[8\\]  11 22 33 44 55 66 77 09"
+        --out "received 10 of 10 frames on channel 2" --no-err -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:can_loopback>)
+corvel_cli_test(corvel_sim.example_can_loopback_different_rates ENV CORVEL_SIM_CLOCK=real
+  CHECK --out "channel 1 at 500 kbit/s, channel 2 at 250 kbit/s" --out "received 0 of 10 frames on channel 2" --no-err
+        -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:can_loopback> 500 250)
