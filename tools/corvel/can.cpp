@@ -449,9 +449,11 @@ void add_can_commands(CLI::App& app, Context& ctx) {
         cmd->add_option("-n", a->count, "Stop after this many frames")->transform(number_in(1, UINT32_MAX));
         cmd->add_option("-T", a->timeout_ms, "Stop after this many milliseconds")
             ->transform(number_in(1, UINT32_MAX));
-        cmd->add_option("-b,--bitrate", a->bitrate, "Set the channels up at this bit rate first");
+        cmd->add_option("-b,--bitrate", a->bitrate, "Set the channels up at this bit rate first")
+            ->type_name("RATE");
         cmd->add_option("-l", a->log_file,
-                        "Log the frames to FILE in candump's log format instead of printing them");
+                        "Log the frames to FILE in candump's log format instead of printing them")
+            ->type_name("FILE");
         cmd->add_flag("-L", a->log_stdout, "Print the frames in candump's log format");
         cmd->callback([&ctx, a] {
             for (const auto& text : a->texts) {
