@@ -14,8 +14,35 @@
 #include "cpu_meter.hpp"
 #include "simulator.hpp"
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+#endif
+
 namespace corvel::sim {
 namespace {
+
+// ThreadSanitizer runs the sleep functions it intercepts (these, when the drop-in comes after it)
+// with its own view of locks switched off, so it would not see the simulator's lock taken below
+// and would take the virtual clock's updates for races. This tells it of the lock by hand.
+class LockSeen {
+  public:
+    explicit LockSeen([[maybe_unused]] std::recursive_mutex& m) : m_(m) {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(m_.native_handle());
+#endif
+    }
+    ~LockSeen() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(m_.native_handle());
+#endif
+    }
+    LockSeen(const LockSeen&) = delete;
+    LockSeen& operator=(const LockSeen&) = delete;
+
+  private:
+    [[maybe_unused]] std::recursive_mutex& m_;
+};
 
 // True when the virtual clock took the sleep. The lock is never held while really sleeping; after
 // a virtual sleep the thread yields, so that a host thread polling in a sleep loop lets the
@@ -26,6 +53,7 @@ bool sleep_virtually(uint64_t us) {
     {
         const CpuMeter meter;
         std::lock_guard<std::recursive_mutex> lock(s.mutex());
+        const LockSeen seen(s.mutex());
         s.clock.sleep(us);
     }
     sched_yield();
