@@ -4,11 +4,11 @@
 list(APPEND CORVEL_CLI_UNIT_TESTS output_test.cpp adapters_test.cpp numbers_test.cpp)
 
 # --- corvel list ---------------------------------------------------------------------------
-# Without CORVEL_SIM, --sim puts an I2C-type and an SPI-type adapter on the bus; the product names
-# tell them apart.
+# Without CORVEL_SIM, --sim puts an I2C-type, an SPI-type and a two-channel CAN adapter on the bus;
+# the product names tell them apart.
 corvel_cli_test(list.virtual_bench
-  CHECK --out "0  CV0000000001  Corvel I2C Adapter" --out "1  CV0000000002  Corvel SPI Adapter" --out-lines 2
-        --no-err -- ${CORVEL} --sim list)
+  CHECK --out "0  CV0000000001  Corvel I2C Adapter" --out "1  CV0000000002  Corvel SPI Adapter"
+        --out "2  CV0000000003  Corvel Dual CAN Adapter" --out-lines 3 --no-err -- ${CORVEL} --sim list)
 corvel_cli_test(list.two_adapters ENV CORVEL_SIM=2
   CHECK --out "0  CV[0-9A-Z]+  Corvel I2C Adapter" --out "1  CV[0-9A-Z]+  Corvel I2C Adapter" --out-lines 2
         --no-err -- ${CORVEL} --sim list)
@@ -64,17 +64,17 @@ corvel_cli_test(sim.library_missing ENV CORVEL_SIM_LIBRARY=/nonexistent/libusb-0
         -- ${CORVEL} --sim list)
 
 # --- corvel-sim ----------------------------------------------------------------------------
-# corvel-sim puts the same two adapters on the bus as --sim does.
+# corvel-sim puts the same three adapters on the bus as --sim does.
 corvel_cli_test(corvel_sim.list
-  CHECK --out "0  CV0000000001  Corvel I2C Adapter" --out "1  CV0000000002  Corvel SPI Adapter" --out-lines 2
-        --no-err -- ${CORVEL_SIM_SCRIPT} ${CORVEL} list)
+  CHECK --out "0  CV0000000001  Corvel I2C Adapter" --out "1  CV0000000002  Corvel SPI Adapter"
+        --out "2  CV0000000003  Corvel Dual CAN Adapter" --out-lines 3 --no-err -- ${CORVEL_SIM_SCRIPT} ${CORVEL} list)
 # A program started under corvel-sim with --sim is not preloaded twice.
 corvel_cli_test(corvel_sim.with_sim_flag
   CHECK --out "firmware 2\\.1\\.0\\.5" --no-err -- ${CORVEL_SIM_SCRIPT} ${CORVEL} --sim version)
 corvel_cli_test(corvel_sim.usage
   CHECK --status 2 --err "usage: corvel-sim PROGRAM \\[ARGS\\.\\.\\.\\]" -- ${CORVEL_SIM_SCRIPT})
 corvel_cli_test(corvel_sim.example_board_info
-  CHECK --out "adapters found: 2" --out "firmware version: 2\\.1\\.0\\.5" --no-err
+  CHECK --out "adapters found: 3" --out "firmware version: 2\\.1\\.0\\.5" --no-err
         -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:board_info>)
 
 # --- corvel info ---------------------------------------------------------------------------

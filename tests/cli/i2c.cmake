@@ -95,5 +95,5 @@ endforeach()
 
 # --- the I2C example ------------------------------------------------------------------------
 corvel_cli_test(corvel_sim.example_i2c_eeprom
-  CHECK --out "adapters found: 2" --out "read back at 0x10: de ad be ef 43 6f 72 76" --out "page verified"
+  CHECK --out "adapters found: 3" --out "read back at 0x10: de ad be ef 43 6f 72 76" --out "page verified"
         --out-lines 3 --no-err -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:i2c_eeprom>)

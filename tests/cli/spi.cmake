@@ -87,5 +87,5 @@ endforeach()
 
 # --- the SPI flash example ----------------------------------------------------------------
 corvel_cli_test(corvel_sim.example_spi_flash
-  CHECK --out "adapters found: 2" --out "SPI adapter: 1 \\(Corvel SPI Adapter\\)" --out "JEDEC id: ef 40 16"
+  CHECK --out "adapters found: 3" --out "SPI adapter: 1 \\(Corvel SPI Adapter\\)" --out "JEDEC id: ef 40 16"
         --out "page verified" --no-err -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:spi_flash>)

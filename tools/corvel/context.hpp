@@ -12,6 +12,9 @@ namespace corvel::cli {
 struct Context {
     bool sim = false;          // --sim: run on the virtual adapter instead of USB hardware
     std::function<int()> run;  // body of the chosen subcommand; returns the exit status
+    // The virtual adapter's clock when the user has not set CORVEL_SIM_CLOCK: "virtual" lets waits on
+    // busy parts cost no wall time; commands that watch or pace a bus for the user choose "real".
+    const char* sim_clock = "virtual";
 };
 
 // One function per subcommand group; each adds its subcommands to `app`. A subcommand's callback
@@ -22,5 +25,6 @@ void add_info_commands(CLI::App& app, Context& ctx);
 void add_i2c_commands(CLI::App& app, Context& ctx);
 void add_spi_commands(CLI::App& app, Context& ctx);
 void add_flash_commands(CLI::App& app, Context& ctx);
+void add_can_commands(CLI::App& app, Context& ctx);
 
 }  // namespace corvel::cli

@@ -19,6 +19,7 @@ int main(int argc, char** argv) {
     add_i2c_commands(app, ctx);
     add_spi_commands(app, ctx);
     add_flash_commands(app, ctx);
+    add_can_commands(app, ctx);
     app.footer("Run any other program on the virtual adapter with: corvel-sim PROGRAM [ARGS...]");
 
     try {
@@ -28,7 +29,7 @@ int main(int argc, char** argv) {
     }
 
     if (ctx.sim) {
-        if (int status = enter_virtual_adapter(argv); status != 0) return status;
+        if (int status = enter_virtual_adapter(argv, ctx.sim_clock); status != 0) return status;
     }
     return ctx.run();
 }

@@ -76,11 +76,9 @@ int fail(std::string_view message) {
     return kExitFailure;
 }
 
-namespace {
 std::string_view sim_hint() {
     return on_virtual_adapter() ? "" : " (corvel --sim ... runs on the virtual adapter)";
 }
-}  // namespace
 
 int fail_no_adapter() {
     return fail(fmt::format("no adapter found{}", sim_hint()));

@@ -31,6 +31,9 @@ int fail(std::string_view message);
 // failure "corvel: open adapter <dev>: <library text> (<code>)". On USB hardware the line ends with
 // a hint that --sim runs the command on the virtual adapter.
 int fail_no_adapter();
+// The end of those lines: " (corvel --sim ... runs on the virtual adapter)" on USB hardware, empty on
+// the virtual adapter.
+std::string_view sim_hint();
 int fail_open(int32_t dev, int32_t code);
 
 // One line of a progress bar: "label [#####.....]  50%  512/1024" with a bar `width` cells wide.

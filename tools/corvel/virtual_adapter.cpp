@@ -63,7 +63,7 @@ void append_env(const char* name, const std::string& value, char sep) {
 
 }  // namespace
 
-int enter_virtual_adapter(char** argv) {
+int enter_virtual_adapter(char** argv, const char* clock) {
     if (std::getenv(kVirtualAdapterMarker) != nullptr) return 0;
     auto drop_in = find_drop_in();
     if (!drop_in) return kExitUsage;
@@ -73,10 +73,9 @@ int enter_virtual_adapter(char** argv) {
     // ASan insists on being first in the initial library list; the preloaded drop-in comes first.
     append_env("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
 #endif
-    // The bench the commands expect unless the user chose another: an I2C-type adapter and an
-    // SPI-type one, and the virtual clock, so that waiting on a busy part costs no wall time.
+    // The bench the commands expect unless the user chose another, and the command's clock.
     setenv("CORVEL_SIM", kVirtualBench, 0);
-    setenv("CORVEL_SIM_CLOCK", "virtual", 0);
+    setenv("CORVEL_SIM_CLOCK", clock, 0);
     setenv(kVirtualAdapterMarker, "1", 1);
     execv(kSelf, argv);
     fail(fmt::format("cannot re-run {} on the virtual adapter: {}", kSelf, std::strerror(errno)));
