@@ -27,7 +27,7 @@
 #define FRAMES 10
 #define FIRST_ID 0x700
 #define WAIT_STEP_US 10000 /* the library's read threads poll every 10 ms */
-#define WAIT_STEPS 100     /* give up after a second */
+#define WAIT_STEPS 200     /* give up after two seconds */
 
 /* The ControlCAN bus-timing pairs. */
 static const struct {
