@@ -44,28 +44,7 @@ constexpr unsigned long kNeverStarted = 0xFFFFFFFF;
 // ---- Tables ------------------------------------------------------------------------------------
 
 // ControlCAN's Timing0/Timing1 pairs, in the order they are searched.
-struct CanBaudRate {
-    uint32_t BaudRate;  // kbit/s
-    uint8_t Timer0;
-    uint8_t Timer1;
-};
-constexpr std::array<CanBaudRate, 15> CanBaudRateTable = {{
-    {5, 0xBF, 0xFF},
-    {10, 0x31, 0x1C},
-    {20, 0x18, 0x1C},
-    {40, 0x87, 0xFF},
-    {50, 0x09, 0x1C},
-    {80, 0x83, 0xFF},
-    {100, 0x04, 0x1C},
-    {125, 0x03, 0x1C},
-    {200, 0x81, 0xFA},
-    {250, 0x01, 0x1C},
-    {400, 0x80, 0xFA},
-    {500, 0x00, 0x1C},
-    {666, 0x80, 0xB6},
-    {800, 0x00, 0x16},
-    {1000, 0x00, 0x14},
-}};
+constexpr const auto& CanBaudRateTable = can::kTimingPairs;
 
 // Bit timing by CAN_GetBaudRateNum row. Rows 20 to 22 (5, 3 and 2 kbit/s) only approximate their
 // rates, since the prescaler cannot exceed 1024: intended, they are the table as it stands.
@@ -137,8 +116,8 @@ void set_error(uint32_t DevIndex, uint32_t can_index, uint32_t code) {
 
 // The bit rate in bit/s of a Timing0/Timing1 pair, or 0 for a pair not in the table.
 uint32_t GetBaudRate(uint8_t Timing0, uint8_t Timing1) {
-    for (const CanBaudRate& row : CanBaudRateTable)
-        if (row.Timer0 == Timing0 && row.Timer1 == Timing1) return row.BaudRate * 1000;
+    for (const can::TimingPair& row : CanBaudRateTable)
+        if (row.timing0 == Timing0 && row.timing1 == Timing1) return row.kbps * 1000;
     return 0;
 }
 

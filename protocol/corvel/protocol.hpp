@@ -7,6 +7,7 @@
 // tests are what catch a disagreement between them.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -152,6 +153,31 @@ inline constexpr uint8_t kModeNormal = 0;
 inline constexpr uint8_t kModeLoopBack = 1;
 inline constexpr uint8_t kModeSilent = 2;
 inline constexpr uint8_t kModeSilentLoopBack = 3;
+
+// The ControlCAN baud-rate table: the SJA1000-style Timing0/Timing1 pairs the ControlCAN-style
+// channel initialisation knows, in the order they are searched.
+struct TimingPair {
+    uint32_t kbps;
+    uint8_t timing0;
+    uint8_t timing1;
+};
+inline constexpr std::array<TimingPair, 15> kTimingPairs{{
+    {5, 0xBF, 0xFF},
+    {10, 0x31, 0x1C},
+    {20, 0x18, 0x1C},
+    {40, 0x87, 0xFF},
+    {50, 0x09, 0x1C},
+    {80, 0x83, 0xFF},
+    {100, 0x04, 0x1C},
+    {125, 0x03, 0x1C},
+    {200, 0x81, 0xFA},
+    {250, 0x01, 0x1C},
+    {400, 0x80, 0xFA},
+    {500, 0x00, 0x1C},
+    {666, 0x80, 0xB6},
+    {800, 0x00, 0x16},
+    {1000, 0x00, 0x14},
+}};
 
 // Payload sizes of the channel and filter initialisations.
 inline constexpr std::size_t kInitPayloadSize = 14;

@@ -170,7 +170,7 @@ double CanEngine::echo_rate() const {
 }
 
 double CanEngine::generator_rate() const {
-    return generator_ && generator_->spec().bitrate != 0 ? generator_->spec().bitrate : bus_rate_;
+    return generator_ && generator_->setup().bitrate != 0 ? generator_->setup().bitrate : bus_rate_;
 }
 
 void CanEngine::sync() {
@@ -185,7 +185,7 @@ void CanEngine::sync() {
     if (last - next_ + 1 > 2 * kCanFifoDepth) {
         for (const uint64_t end = next_ + kCanFifoDepth; next_ < end; ++next_) emit(next_);
         const uint64_t skipped = last + 1 - kCanFifoDepth - next_;
-        const int bus = bus_of(generator_->spec().bus);
+        const int bus = bus_of(generator_->setup().bus);
         generated_[static_cast<std::size_t>(bus)] += skipped;
         for (int ch = 1; ch <= channels_; ++ch) {
             Controller& c = ctrl(ch);
@@ -199,7 +199,7 @@ void CanEngine::sync() {
 }
 
 void CanEngine::emit(uint64_t k) {
-    const int bus = bus_of(generator_->spec().bus);
+    const int bus = bus_of(generator_->setup().bus);
     ++generated_[static_cast<std::size_t>(bus)];
     carry(generator_->frame(k), bus, generator_rate(), generator_->due(k), CanSender::Generator, 0);
 }
@@ -216,7 +216,7 @@ bool CanEngine::carry(const CanFrame& f, int bus, double rate, uint64_t t, CanSe
     const bool echo_hears =
         echo_.bus != 0 && bus_of(echo_.bus) == bus && who != CanSender::Echo && same_rate(echo_rate(), rate);
     bool acked = echo_hears;
-    if (generator_ && bus_of(generator_->spec().bus) == bus && who != CanSender::Generator &&
+    if (generator_ && bus_of(generator_->setup().bus) == bus && who != CanSender::Generator &&
         same_rate(generator_rate(), rate))
         acked = true;
     for (int ch = 1; ch <= channels_; ++ch)
@@ -606,22 +606,22 @@ std::vector<CanReceived> CanEngine::waiting(int channel) {
     return out;
 }
 
-void CanEngine::set_generator(const CanGeneratorSpec& spec) {
+void CanEngine::set_generator(const CanGeneratorSpec& setup) {
     sync();
-    if (spec.rate != 0 && !has_channel(spec.bus)) return;
+    if (setup.rate != 0 && !has_channel(setup.bus)) return;
     generator_.reset();
-    if (spec.rate == 0) return;
-    generator_.emplace(spec, time_us());
+    if (setup.rate == 0) return;
+    generator_.emplace(setup, time_us());
     next_ = 1;
 }
 
 CanGeneratorSpec CanEngine::generator() const {
-    return generator_ ? generator_->spec() : CanGeneratorSpec{};
+    return generator_ ? generator_->setup() : CanGeneratorSpec{};
 }
 
-void CanEngine::set_echo(const CanEchoSpec& spec) {
+void CanEngine::set_echo(const CanEchoSpec& setup) {
     sync();
-    if (spec.bus == 0 || has_channel(spec.bus)) echo_ = spec;
+    if (setup.bus == 0 || has_channel(setup.bus)) echo_ = setup;
 }
 
 void CanEngine::set_split(bool split) {

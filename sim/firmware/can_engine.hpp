@@ -50,9 +50,9 @@ class CanEngine final : public Engine {
     bool has_channel(int channel) const { return channel == 1 || (channel == 2 && channels_ == 2); }
     CanControllerState controller(int channel);
     std::vector<CanReceived> waiting(int channel);
-    void set_generator(const CanGeneratorSpec& spec);
+    void set_generator(const CanGeneratorSpec& setup);
     CanGeneratorSpec generator() const;
-    void set_echo(const CanEchoSpec& spec);
+    void set_echo(const CanEchoSpec& setup);
     CanEchoSpec echo() const { return echo_; }
     void set_split(bool split);
     bool inject(int bus, const CanFrame& frame, uint32_t bitrate);

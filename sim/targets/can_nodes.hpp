@@ -14,9 +14,9 @@ namespace corvel::sim::fw {
 class CanGenerator {
   public:
     // `start_us`: the adapter time at which it was set up.
-    CanGenerator(const CanGeneratorSpec& spec, uint64_t start_us) : spec_(spec), start_(start_us) {}
+    CanGenerator(const CanGeneratorSpec& setup, uint64_t start_us) : spec_(setup), start_(start_us) {}
 
-    const CanGeneratorSpec& spec() const { return spec_; }
+    const CanGeneratorSpec& setup() const { return spec_; }
     // When frame k (from 1) is due, in adapter time.
     uint64_t due(uint64_t k) const;
     // The number of the last frame due at `t` (0 when none is).

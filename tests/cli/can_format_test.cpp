@@ -86,18 +86,19 @@ TEST(CanTimes, ColumnsAndStampsAcrossTheWrap) {
 }
 
 TEST(CanFilters, ParsedMatchedAndPutInBanks) {
-    auto spec = parse_channel_spec("2,123:7FF,12345678:1FFFFFF0");
-    ASSERT_TRUE(spec) << spec.error;
-    EXPECT_EQ(spec.value->channel, 2);
-    ASSERT_EQ(spec.value->filters.size(), 2u);
+    auto wanted = parse_channel_spec("2,123:7FF,12345678:1FFFFFF0");
+    ASSERT_TRUE(wanted) << wanted.error;
+    EXPECT_EQ(wanted.value->channel, 2);
+    ASSERT_EQ(wanted.value->filters.size(), 2u);
     const CanFilter std_filter{0x123, 0x7FF, false}, ext_filter{0x12345678, 0x1FFFFFF0, true};
-    EXPECT_EQ(spec.value->filters[0], std_filter);
-    EXPECT_EQ(spec.value->filters[1], ext_filter);
+    EXPECT_EQ(wanted.value->filters[0], std_filter);
+    EXPECT_EQ(wanted.value->filters[1], ext_filter);
 
-    EXPECT_TRUE(passes(spec.value->filters, frame("123#R")));
-    EXPECT_TRUE(passes(spec.value->filters, frame("1234567F#00")));
-    EXPECT_FALSE(passes(spec.value->filters, frame("124#00")));
-    EXPECT_FALSE(passes(spec.value->filters, frame("00000123#00")));  // an extended frame, a standard filter
+    EXPECT_TRUE(passes(wanted.value->filters, frame("123#R")));
+    EXPECT_TRUE(passes(wanted.value->filters, frame("1234567F#00")));
+    EXPECT_FALSE(passes(wanted.value->filters, frame("124#00")));
+    EXPECT_FALSE(
+        passes(wanted.value->filters, frame("00000123#00")));  // an extended frame, a standard filter
     EXPECT_TRUE(passes(std::vector<CanFilter>{}, frame("124#00")));
 
     for (const char* bad :
@@ -133,9 +134,9 @@ TEST(CanBitRates, TablePairsAndComputedTimings) {
 }
 
 TEST(CanGenerator, IncrementAndFixedPatterns) {
-    auto spec = parse_gen_spec("i", "i", "i", false, false);
-    ASSERT_TRUE(spec) << spec.error;
-    FrameGenerator counting(*spec.value, 1);
+    auto wanted = parse_gen_spec("i", "i", "i", false, false);
+    ASSERT_TRUE(wanted) << wanted.error;
+    FrameGenerator counting(*wanted.value, 1);
     for (const char* expected : {"000#", "001#01", "002#0200"})
         EXPECT_EQ(compact_frame(counting.next()), expected);
 

@@ -286,11 +286,11 @@ TEST_F(Can, UnacknowledgedFramesLeadToBusOff) {
 }
 
 TEST_F(Can, EchoNodeAnswersAndGeneratorSendsAtItsRate) {
-    CanSpec spec;
-    spec.echo.bus = 1;
-    spec.generator = {
+    CanSpec setup;
+    setup.echo.bus = 1;
+    setup.generator = {
         .rate = 100, .ids = CanGeneratorSpec::Ids::Increment, .id_first = 0x100, .id_last = 0x102, .dlc = 2};
-    rebuild({can_adapter(proto::kDevTypeCan1, spec)});
+    rebuild({can_adapter(proto::kDevTypeCan1, setup)});
     ASSERT_EQ(send(kFrame1), kSent);  // acknowledged by the nodes
     EXPECT_EQ(can_controller(0, 1).tec, 0u);
     EXPECT_EQ(poll(1), (Bytes{0x00, 0x00, 0x0B, 0x06, 45, 0x00, 0x0A, 0x31, 0x24, 0x01, 0, 0, 0, 0, 0x11,

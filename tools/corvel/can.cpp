@@ -217,14 +217,14 @@ struct Received {
 };
 
 // Programs the channel's filter banks: one per filter, the rest of its 14 switched off.
-int set_filters(const CanAdapter& adapter, const ChannelSpec& spec) {
+int set_filters(const CanAdapter& adapter, const ChannelSpec& wanted) {
     for (int bank = 0; bank < can::kBanksPerChannel; ++bank) {
         auto i = static_cast<std::size_t>(bank);
         VCI_FILTER_CONFIG config =
-            i < spec.filters.size() ? filter_bank(spec.filters[i], bank) : disabled_bank(bank);
-        if (VCI_SetFilter(adapter.type, adapter.dev, can_index(spec.channel), &config) != STATUS_OK) {
-            return fail_vci(fmt::format("set the filters of CAN channel {}", spec.channel), adapter,
-                            spec.channel);
+            i < wanted.filters.size() ? filter_bank(wanted.filters[i], bank) : disabled_bank(bank);
+        if (VCI_SetFilter(adapter.type, adapter.dev, can_index(wanted.channel), &config) != STATUS_OK) {
+            return fail_vci(fmt::format("set the filters of CAN channel {}", wanted.channel), adapter,
+                            wanted.channel);
         }
     }
     return 0;
@@ -281,22 +281,22 @@ int dump_frames(const CanAdapter& adapter, DumpArgs& a) {
     if (a.channels.empty()) {
         for (int ch = 1; ch <= adapter.channels; ++ch) a.channels.push_back({ch, {}});
     }
-    for (const auto& spec : a.channels) {
-        if (int status = check_channel(adapter, spec.channel); status != 0) return status;
+    for (const auto& wanted : a.channels) {
+        if (int status = check_channel(adapter, wanted.channel); status != 0) return status;
         if (a.timing) {
-            if (int status = init_channel(adapter, spec.channel, *a.timing, CanMode::normal); status != 0)
+            if (int status = init_channel(adapter, wanted.channel, *a.timing, CanMode::normal); status != 0)
                 return status;
         }
-        if (!spec.filters.empty()) {
-            if (int status = set_filters(adapter, spec); status != 0) return status;
+        if (!wanted.filters.empty()) {
+            if (int status = set_filters(adapter, wanted); status != 0) return status;
         }
     }
     DumpOutput output(a);
     if (int status = output.open(); status != 0) return status;
     StopOnSignal stop_on_signal;
-    for (const auto& spec : a.channels) {
-        if (VCI_StartCAN(adapter.type, adapter.dev, can_index(spec.channel)) != STATUS_OK) {
-            return fail_vci(fmt::format("start CAN channel {}", spec.channel), adapter, spec.channel);
+    for (const auto& wanted : a.channels) {
+        if (VCI_StartCAN(adapter.type, adapter.dev, can_index(wanted.channel)) != STATUS_OK) {
+            return fail_vci(fmt::format("start CAN channel {}", wanted.channel), adapter, wanted.channel);
         }
     }
 
@@ -308,21 +308,21 @@ int dump_frames(const CanAdapter& adapter, DumpArgs& a) {
     while (stop_requested == 0) {
         pass.clear();
         const uint64_t host_now = wall_clock_us();
-        for (const auto& spec : a.channels) {
+        for (const auto& wanted : a.channels) {
             uint32_t n = 0;
             do {
-                n = VCI_Receive(adapter.type, adapter.dev, can_index(spec.channel), chunk.data(),
+                n = VCI_Receive(adapter.type, adapter.dev, can_index(wanted.channel), chunk.data(),
                                 kReceiveChunk, 0);
                 if (n == kReceiveFailed || n > kReceiveChunk) {
-                    return fail_vci(fmt::format("receive on CAN channel {}", spec.channel), adapter,
-                                    spec.channel);
+                    return fail_vci(fmt::format("receive on CAN channel {}", wanted.channel), adapter,
+                                    wanted.channel);
                 }
                 for (uint32_t i = 0; i < n; ++i) {
                     CanFrame frame = frame_of(chunk[i]);
-                    if (!passes(spec.filters, frame)) continue;
+                    if (!passes(wanted.filters, frame)) continue;
                     uint64_t time =
                         chunk[i].TimeFlag != 0 ? timeline.place(chunk[i].TimeStamp, host_now) : host_now;
-                    pass.push_back({time, spec.channel, frame});
+                    pass.push_back({time, wanted.channel, frame});
                 }
             } while (n == kReceiveChunk);
         }
@@ -355,7 +355,7 @@ struct GenArgs {
     uint64_t count = 0;
     bool extended = false;
     bool remote = false;
-    GenSpec spec;
+    GenSpec wanted;
 };
 
 int generate(const GenArgs& a) {
@@ -363,7 +363,7 @@ int generate(const GenArgs& a) {
         const int ch = a.target.channel;
         if (int status = check_channel(adapter, ch); status != 0) return status;
         StopOnSignal stop_on_signal;
-        FrameGenerator generator(a.spec, std::random_device{}());
+        FrameGenerator generator(a.wanted, std::random_device{}());
         std::vector<VCI_CAN_OBJ> batch;
         Counter counter("sent", a.count);
         Pacer pacer;
@@ -457,15 +457,15 @@ void add_can_commands(CLI::App& app, Context& ctx) {
         cmd->add_flag("-L", a->log_stdout, "Print the frames in candump's log format");
         cmd->callback([&ctx, a] {
             for (const auto& text : a->texts) {
-                auto spec = parse_channel_spec(text);
-                if (!spec) throw CLI::ValidationError("CH", spec.error);
+                auto wanted = parse_channel_spec(text);
+                if (!wanted) throw CLI::ValidationError("CH", wanted.error);
                 for (const auto& other : a->channels) {
-                    if (other.channel == spec.value->channel) {
+                    if (other.channel == wanted.value->channel) {
                         throw CLI::ValidationError("CH",
                                                    fmt::format("channel {} given twice", other.channel));
                     }
                 }
-                a->channels.push_back(*spec.value);
+                a->channels.push_back(*wanted.value);
             }
             if (!a->time.empty()) a->time_mode = *parse_time_mode(a->time);
             if (!a->bitrate.empty()) a->timing = timing_of(a->bitrate, "--bitrate");
@@ -492,9 +492,9 @@ void add_can_commands(CLI::App& app, Context& ctx) {
         cmd->add_flag("-e", a->extended, "Extended (29-bit) identifiers");
         cmd->add_flag("-R", a->remote, "Remote frames");
         cmd->callback([&ctx, a] {
-            auto spec = parse_gen_spec(a->id, a->len, a->data, a->extended, a->remote);
-            if (!spec) throw CLI::ValidationError(spec.error);
-            a->spec = *spec.value;
+            auto wanted = parse_gen_spec(a->id, a->len, a->data, a->extended, a->remote);
+            if (!wanted) throw CLI::ValidationError(wanted.error);
+            a->wanted = *wanted.value;
             ctx.sim_clock = "real";
             ctx.run = [a] { return generate(*a); };
         });

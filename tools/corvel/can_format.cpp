@@ -221,13 +221,13 @@ bool passes(const std::vector<CanFilter>& filters, const CanFrame& frame) {
 }
 
 Parsed<ChannelSpec> parse_channel_spec(std::string_view text) {
-    ChannelSpec spec;
+    ChannelSpec wanted;
     auto comma = text.find(',');
     std::string_view channel = text.substr(0, comma);
     if (channel != "1" && channel != "2") {
         return {{}, fmt::format("'{}': the channel is 1 or 2 (then ,ID:MASK filters)", text)};
     }
-    spec.channel = channel[0] - '0';
+    wanted.channel = channel[0] - '0';
     while (comma != std::string_view::npos) {
         text.remove_prefix(comma + 1);
         comma = text.find(',');
@@ -242,13 +242,13 @@ Parsed<ChannelSpec> parse_channel_spec(std::string_view text) {
         if (!mask) return {{}, fmt::format("filter '{}': the mask is not 1 to 8 hex digits", item)};
         CanFilter filter = *id.value;
         filter.mask = *mask & (filter.extended ? can::kExtIdMask : can::kStdIdMask);
-        if (spec.filters.size() == static_cast<std::size_t>(can::kBanksPerChannel)) {
+        if (wanted.filters.size() == static_cast<std::size_t>(can::kBanksPerChannel)) {
             return {{},
-                    fmt::format("more than {} filters on channel {}", can::kBanksPerChannel, spec.channel)};
+                    fmt::format("more than {} filters on channel {}", can::kBanksPerChannel, wanted.channel)};
         }
-        spec.filters.push_back(filter);
+        wanted.filters.push_back(filter);
     }
-    return {std::move(spec), {}};
+    return {std::move(wanted), {}};
 }
 
 VCI_FILTER_CONFIG filter_bank(const CanFilter& filter, int bank) {
@@ -297,29 +297,6 @@ std::optional<uint32_t> parse_bitrate(std::string_view text) {
 
 namespace {
 
-struct TableRate {
-    uint32_t kbps;
-    uint8_t timing0;
-    uint8_t timing1;
-};
-
-// The ControlCAN baud-rate table: the Timing0/Timing1 pairs VCI_InitCAN knows.
-constexpr std::array<TableRate, 15> kBaudRateTable{{{5, 0xBF, 0xFF},
-                                                    {10, 0x31, 0x1C},
-                                                    {20, 0x18, 0x1C},
-                                                    {40, 0x87, 0xFF},
-                                                    {50, 0x09, 0x1C},
-                                                    {80, 0x83, 0xFF},
-                                                    {100, 0x04, 0x1C},
-                                                    {125, 0x03, 0x1C},
-                                                    {200, 0x81, 0xFA},
-                                                    {250, 0x01, 0x1C},
-                                                    {400, 0x80, 0xFA},
-                                                    {500, 0x00, 0x1C},
-                                                    {666, 0x80, 0xB6},
-                                                    {800, 0x00, 0x16},
-                                                    {1000, 0x00, 0x14}}};
-
 constexpr int kMinQuanta = 8;   // fewer leave no room for a sample point near 87.5 %
 constexpr int kMaxQuanta = 25;  // 1 + 16 + 8
 constexpr int kMaxBs1 = 16;
@@ -331,7 +308,7 @@ constexpr double kTolerance = 0.01;
 }  // namespace
 
 Parsed<BitTiming> bit_timing(uint32_t bits_per_second) {
-    for (const auto& row : kBaudRateTable) {
+    for (const auto& row : corvel::proto::can::kTimingPairs) {
         if (row.kbps * 1000 == bits_per_second) return {BitTiming{true, row.timing0, row.timing1}, {}};
     }
     std::optional<BitTiming> best;
@@ -369,46 +346,46 @@ Parsed<BitTiming> bit_timing(uint32_t bits_per_second) {
 
 Parsed<GenSpec> parse_gen_spec(std::string_view id, std::string_view len, std::string_view data,
                                bool extended, bool remote) {
-    GenSpec spec;
-    spec.extended = extended;
-    spec.remote = remote;
+    GenSpec wanted;
+    wanted.extended = extended;
+    wanted.remote = remote;
     const uint32_t id_max = extended ? can::kExtIdMask : can::kStdIdMask;
     if (id == "i" || id == "r") {
-        spec.id_mode = id == "i" ? Pattern::increment : Pattern::random;
+        wanted.id_mode = id == "i" ? Pattern::increment : Pattern::random;
     } else {
         auto value = parse_hex(id);
         if (!value || *value > id_max) {
             return {{}, fmt::format("-I: '{}' is not i, r or a hex identifier up to {:X}", id, id_max)};
         }
-        spec.id_mode = Pattern::fixed;
-        spec.id = *value;
+        wanted.id_mode = Pattern::fixed;
+        wanted.id = *value;
     }
     if (len == "i" || len == "r") {
-        spec.len_mode = len == "i" ? Pattern::increment : Pattern::random;
+        wanted.len_mode = len == "i" ? Pattern::increment : Pattern::random;
     } else if (len.size() == 1 && len[0] >= '0' && len[0] <= '8') {
-        spec.len_mode = Pattern::fixed;
-        spec.len = static_cast<uint8_t>(len[0] - '0');
+        wanted.len_mode = Pattern::fixed;
+        wanted.len = static_cast<uint8_t>(len[0] - '0');
     } else if (!len.empty()) {
         return {{}, fmt::format("-L: '{}' is not i, r or a length of 0 to 8", len)};
     }
     if (data == "i" || data == "r") {
-        spec.data_mode = data == "i" ? Pattern::increment : Pattern::random;
+        wanted.data_mode = data == "i" ? Pattern::increment : Pattern::random;
     } else {
         auto bytes = parse_data(data, can::kMaxDataLength);
         if (!bytes || data.empty()) {
             return {{}, fmt::format("-D: '{}' is not i, r or 1 to 8 data bytes in hex", data)};
         }
-        spec.data_mode = Pattern::fixed;
-        spec.data = std::move(*bytes.value);
+        wanted.data_mode = Pattern::fixed;
+        wanted.data = std::move(*bytes.value);
         if (len.empty()) {
-            spec.len_mode = Pattern::fixed;
-            spec.len = static_cast<uint8_t>(spec.data.size());
+            wanted.len_mode = Pattern::fixed;
+            wanted.len = static_cast<uint8_t>(wanted.data.size());
         }
     }
-    return {std::move(spec), {}};
+    return {std::move(wanted), {}};
 }
 
-FrameGenerator::FrameGenerator(GenSpec spec, uint32_t seed) : spec_(std::move(spec)), random_(seed) {}
+FrameGenerator::FrameGenerator(GenSpec wanted, uint32_t seed) : spec_(std::move(wanted)), random_(seed) {}
 
 CanFrame FrameGenerator::next() {
     CanFrame frame;

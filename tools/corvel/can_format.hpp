@@ -180,7 +180,7 @@ Parsed<GenSpec> parse_gen_spec(std::string_view id, std::string_view len, std::s
 // padded with zeros, longer data cut.
 class FrameGenerator {
   public:
-    FrameGenerator(GenSpec spec, uint32_t seed);
+    FrameGenerator(GenSpec wanted, uint32_t seed);
     CanFrame next();
 
   private:
