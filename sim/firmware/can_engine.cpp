@@ -48,12 +48,6 @@ constexpr uint8_t kStatusBusOff = 1u << 7;
 constexpr uint8_t kFlagExtendedShift = 3;
 constexpr uint8_t kFlagRemoteShift = 2;
 
-uint64_t host_us() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
-
 double rate_of(uint8_t bs1, uint8_t bs2, uint16_t prescaler) {
     const uint32_t p = prescaler % kPrescalerRange == 0 ? kPrescalerRange : prescaler % kPrescalerRange;
     return double(can::kClockHz) / (double(p) * (3 + bs1 + bs2));
@@ -111,9 +105,8 @@ CanEngine::CanEngine(Port& port)
       channels_(port.identity().personality == proto::kDevTypeCan2 ? 2 : 1),
       bus_rate_(port.identity().can.bitrate),
       split_(port.identity().can.split),
-      echo_(port.identity().can.echo) {
-    time_on_ = port_.clock_on();
-    time_source_ = time_on_ ? port_.elapsed_us() : host_us();
+      echo_(port.identity().can.echo),
+      time_(port) {
     // Power-on: the registers closest to the bus bit rate, and banks 0 and 14 active, accepting
     // everything.
     const CanTiming timing = can_timing(bus_rate_);
@@ -155,14 +148,7 @@ std::span<const Route> CanEngine::commands() const {
 // ---- Time and the nodes
 
 uint64_t CanEngine::time_us() {
-    // Follow whichever clock is in force by its increments, so that switching between them never
-    // moves the adapter's time backwards.
-    const bool on = port_.clock_on();
-    const uint64_t source = on ? port_.elapsed_us() : host_us();
-    if (on == time_on_ && source >= time_source_) time_ += source - time_source_;
-    time_on_ = on;
-    time_source_ = source;
-    return time_;
+    return time_.now();
 }
 
 double CanEngine::echo_rate() const {

@@ -128,9 +128,7 @@ class CanEngine final : public Engine {
     std::array<uint64_t, 3> generated_{};  // per bus (1, 2)
     std::deque<CanBusFrame> log_;
 
-    uint64_t time_ = 0;  // the adapter's time
-    bool time_on_ = false;
-    uint64_t time_source_ = 0;
+    ModelTime time_;  // the adapter's time
 };
 
 std::unique_ptr<Engine> make_can_engine(Port& port);

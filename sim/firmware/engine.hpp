@@ -63,6 +63,21 @@ class Port {
     ~Port() = default;
 };
 
+// An engine's own time line, for parts that keep time whichever clock is in force: it follows
+// the virtual clock's elapsed time while that is on and the host's monotonic time while it is off,
+// by their increments, so switching between them never moves it backwards.
+class ModelTime {
+  public:
+    explicit ModelTime(const Port& port);
+    uint64_t now();
+
+  private:
+    const Port& port_;
+    uint64_t time_ = 0;
+    bool on_;
+    uint64_t source_;  // the clock it last followed, and that clock's reading then
+};
+
 // One request as a handler sees it: its code (message code, or interrupt command), the packet
 // number (0 for commands), and a reader over its payload (for a command, its 4-byte parameter).
 struct Request {

@@ -1,5 +1,6 @@
-// The registration table of the firmware model's engines.
+// The registration table of the firmware model's engines, and their shared time line.
 #include <array>
+#include <chrono>
 
 #include "firmware/board_engine.hpp"
 #include "firmware/can_engine.hpp"
@@ -17,6 +18,26 @@ std::span<const EngineEntry> engine_table() {
         EngineEntry{"can", &make_can_engine},
     };
     return kEngines;
+}
+
+namespace {
+uint64_t host_us() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                     std::chrono::steady_clock::now().time_since_epoch())
+                                     .count());
+}
+}  // namespace
+
+ModelTime::ModelTime(const Port& port)
+    : port_(port), on_(port.clock_on()), source_(on_ ? port.elapsed_us() : host_us()) {}
+
+uint64_t ModelTime::now() {
+    const bool on = port_.clock_on();
+    const uint64_t source = on ? port_.elapsed_us() : host_us();
+    if (on == on_ && source >= source_) time_ += source - source_;
+    on_ = on;
+    source_ = source;
+    return time_;
 }
 
 }  // namespace corvel::sim::fw

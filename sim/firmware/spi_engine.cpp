@@ -43,12 +43,6 @@ uint64_t bits_of(std::size_t bytes) {
     return uint64_t{bytes} * 8;
 }
 
-uint64_t host_us() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                     std::chrono::steady_clock::now().time_since_epoch())
-                                     .count());
-}
-
 // The time `bits` bits take on the wire at `hz`, rounded up to whole microseconds.
 uint64_t bus_us(uint64_t bits, uint32_t hz) {
     return hz == 0 ? 0 : (bits * 1000000 + hz - 1) / hz;
@@ -62,9 +56,7 @@ uint8_t reversed(uint8_t b) {
 
 }  // namespace
 
-SpiEngine::SpiEngine(Port& port) : port_(port) {
-    time_on_ = port_.clock_on();
-    time_source_ = time_on_ ? port_.elapsed_us() : host_us();
+SpiEngine::SpiEngine(Port& port) : port_(port), time_(port) {
     attach_defaults();
 }
 
@@ -117,14 +109,7 @@ std::span<const Route> SpiEngine::routes() const {
 // ---- Time and answers
 
 uint64_t SpiEngine::part_time() {
-    // Follow whichever clock is in force by its increments, so that switching between them never
-    // moves the parts' time backwards.
-    const bool on = port_.clock_on();
-    const uint64_t source = on ? port_.elapsed_us() : host_us();
-    if (on == time_on_ && source >= time_source_) time_ += source - time_source_;
-    time_on_ = on;
-    time_source_ = source;
-    return time_;
+    return time_.now();
 }
 
 uint64_t SpiEngine::begin() {

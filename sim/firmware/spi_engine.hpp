@@ -167,10 +167,8 @@ class SpiEngine final : public Engine {
     std::size_t slave_out_taken_ = 0;
     Bytes slave_in_;  // clocked in by the external master, until the host collects it
 
-    uint64_t time_ = 0;  // the parts' time
-    bool time_on_ = false;
-    uint64_t time_source_ = 0;  // the clock it last followed, and that clock's reading then
-    uint64_t free_at_ = 0;      // when the work of the last request is done
+    ModelTime time_;        // the parts' time
+    uint64_t free_at_ = 0;  // when the work of the last request is done
 };
 
 std::unique_ptr<Engine> make_spi_engine(Port& port);
