@@ -20,9 +20,11 @@ namespace {
 // functions take them): it only keeps the list itself consistent. Bus scans, opens, connection
 // tests and closes change nodes and hold it exclusively; transfers look a handle up under it shared
 // and then transfer without it.
-std::shared_mutex list_guard;
+// Never destroyed (nor the other guard and the lease table): a CAN read thread may still be
+// transferring while the process exits and runs the destructors of static objects.
+std::shared_mutex& list_guard = *new std::shared_mutex;
 // Guards the current board handle and its closed flag; taken after list_guard when both are held.
-std::mutex board_guard;
+std::mutex& board_guard = *new std::mutex;
 bool board_handle_closed = false;
 
 // Handles transfers are running on (guarded by board_guard). Entries are reused, so the table grows
@@ -32,7 +34,7 @@ struct InUse {
     int leases;
     bool close_pending;  // closed by the library while leased: the last lease calls usb_close
 };
-std::vector<InUse> in_use;
+std::vector<InUse>& in_use = *new std::vector<InUse>;
 
 InUse* in_use_entry(const usb_dev_handle* h) {
     for (InUse& e : in_use)
