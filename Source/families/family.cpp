@@ -39,9 +39,13 @@ int32_t send(int32_t dev, Request& request) {
     return request.send(dev) == 0 ? KD_SUCCESS : KD_ERR_USB_WRITE_FAIL;
 }
 
+int32_t read_status(int32_t dev, MSG_STATE ok) {
+    return USB_GetStatus(dev) == ok ? KD_SUCCESS : KD_ERR_EXECUTE_CMD;
+}
+
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok) {
     if (send(dev, request) != 0) return KD_ERR_USB_WRITE_FAIL;
-    return USB_GetStatus(dev) == ok ? KD_SUCCESS : KD_ERR_EXECUTE_CMD;
+    return read_status(dev, ok);
 }
 
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_ms) {

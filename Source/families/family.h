@@ -86,6 +86,10 @@ class Check {
 // Sends the request.
 int32_t send(int32_t dev, Request& request);
 
+// Reads the status byte that answers a request already sent, which must be `ok`: 0, or -10. For
+// the families that hold the lock around the request and, separately, around its answer.
+int32_t read_status(int32_t dev, MSG_STATE ok);
+
 // Sends the request and reads the status byte, which must be `ok`.
 int32_t request_status(int32_t dev, Request& request, MSG_STATE ok);
 // The same, with one status read attempt on the current board handle and the caller's time-out.

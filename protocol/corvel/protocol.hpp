@@ -115,6 +115,61 @@ inline constexpr int kDataTimeoutMs = 5000;           // raw data reads
 inline constexpr int kFlashReadTimeoutMs = 2000;      // the flash engine's data read
 }  // namespace spi
 
+namespace gpio {
+inline constexpr int kPins = 24;                     // pins 0 to 23 (the Ex masks reach 24 bits)
+inline constexpr int kReadPins = 16;                 // levels a read brings back: pins 0 to 15
+inline constexpr uint32_t kExMaskBits = 0x00FFFFFF;  // what an Ex mask sends
+inline constexpr uint32_t kModeInput = 0xFFFFFFFF;   // the library's pin-mode presets
+inline constexpr uint32_t kModeOutput = 0x55555555;
+inline constexpr uint32_t kModeOpenDrain = 0xAAAAAAAA;
+// PinMode holds a 2-bit field per pin (pin n: bits 2(n mod 16) and up). The presets above fill
+// every field with one of these; 0 is the adapter's input with pull-up.
+inline constexpr uint8_t kFieldInputPullUp = 0;
+inline constexpr uint8_t kFieldOutput = 1;
+inline constexpr uint8_t kFieldOpenDrain = 2;  // open drain with pull-up
+inline constexpr uint8_t kFieldInput = 3;      // high impedance
+inline constexpr std::size_t kInitSize = 8;
+inline constexpr std::size_t kWriteSize = 8;
+inline constexpr std::size_t kReadSize = 4;
+inline constexpr std::size_t kReadReplySize = 4;  // bytes 2-3: levels of pins 15..0
+inline constexpr std::size_t kSnifferControlSize = 2;
+inline constexpr std::size_t kSnifferReadSize = 1;
+}  // namespace gpio
+
+namespace adc {
+inline constexpr int kChannels = 8;  // Channel is a mask of channels 0 to 7
+inline constexpr uint16_t kMaxInstants = 10240;
+inline constexpr int kReadTimeoutMs = 10000;  // lets the adapter finish sampling
+inline constexpr std::size_t kInitSize = 5;
+inline constexpr std::size_t kReadSize = 4;
+inline constexpr std::size_t kSampleSize = 2;  // 16-bit words, least significant byte first
+inline constexpr int kResolutionBits = 12;
+inline constexpr uint16_t kFullScale = 4095;
+inline constexpr uint32_t kReferenceMillivolts = 3300;  // the adapter's analogue reference
+}  // namespace adc
+
+namespace pwm {
+inline constexpr int kChannels = 8;
+inline constexpr uint8_t kMaxMode = 3;
+inline constexpr uint8_t kModeUnchecked = 3;  // skips the polarity and pulse checks
+inline constexpr uint8_t kMaxPolarity = 1;
+inline constexpr uint8_t kMaxPulse = 100;  // percent
+inline constexpr uint32_t kMinFrequencyHz = 1;
+inline constexpr uint32_t kMaxFrequencyHz = 20000000;
+inline constexpr std::size_t kInitSize = 8;
+inline constexpr std::size_t kMaskSize = 1;                    // start, stop
+inline constexpr std::size_t kPulseSize = 1 + kChannels;       // mask, eight percentages
+inline constexpr std::size_t kPeriodSize = 1 + kChannels * 4;  // mask, eight frequencies
+}  // namespace pwm
+
+namespace cnt {
+inline constexpr int kCounters = 4;
+inline constexpr uint8_t kChannelMask = 0x0F;
+inline constexpr std::size_t kInitSize = 4;
+inline constexpr std::size_t kValueSize = 4;  // per selected counter, big-endian
+inline constexpr std::size_t kMaskSize = 1;   // get, start, stop
+}  // namespace cnt
+
 namespace can {
 // Channels are numbered 1 and 2 on the wire (CAN index 0 and 1 in the ControlCAN-style interface).
 inline constexpr uint8_t kChannel1 = 1;
