@@ -3,12 +3,15 @@
 //   ""                       one default adapter
 //   "N"                      N default adapters (serials CV0000000001 ... ), 0 for none
 //   "k=v,k=v;k=v,..."        one adapter per ';'-separated entry, keys serial, type, vid, pid,
-//                            and on the CAN types the bus and its nodes (bitrate, bus, echo, gen...)
+//                            on the I2C and SPI types the pins' wiring, the ADC's signals and the
+//                            counters' sources (wire, adc0..7, cnt0..3), and on the CAN types the
+//                            bus and its nodes (bitrate, bus, echo, gen...)
 //
 // An entry's unspecified keys take the defaults of its position (the second entry's serial is
 // CV0000000002). "serial=-" means the adapter has no serial-number string.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -156,7 +159,8 @@ struct CanKeys {
             g.seed = static_cast<uint32_t>(*n);
         } else {
             fail(position, "unknown key \"" + std::string(key) +
-                               "\" (serial, type, vid, pid; CAN: bitrate, bus, echo, echo_bitrate, gen, "
+                               "\" (serial, type, vid, pid; I2C and SPI: wire, adc0..adc7, cnt0..cnt3; CAN: "
+                               "bitrate, bus, echo, echo_bitrate, gen, "
                                "gen_bus, gen_bitrate, gen_id, gen_ext, gen_dlc, gen_data, gen_seed)");
         }
         given.emplace_back(key);
@@ -202,6 +206,120 @@ struct CanKeys {
     }
 };
 
+// The GPIO, ADC and counter keys of one entry (types 1 and 2):
+//   wire=none | PIN:PIN[:PIN...]/...   the harness: each '/'-separated group of pins is one net
+//   adcN=dc:VOLTS | ramp:HZ | sine:HZ[:AMPLITUDE_VOLTS] | square:HZ    channel N = 0..7
+//   cntN=pwmK | pinK | none            what counter N = 0..3 counts
+struct IoKeys {
+    std::vector<std::string> given;
+
+    static bool is_key(std::string_view key) {
+        const auto indexed = [&](std::string_view prefix, char last) {
+            return key.size() == prefix.size() + 1 && key.starts_with(prefix) && key.back() >= '0' &&
+                   key.back() <= last;
+        };
+        return key == "wire" || indexed("adc", '7') || indexed("cnt", '3');
+    }
+
+    void parse(std::size_t position, std::string_view key, std::string_view value, IoSpec& io) {
+        if (key == "wire") {
+            io.wiring = wiring(position, value);
+        } else if (key.starts_with("adc")) {
+            io.adc[static_cast<std::size_t>(key.back() - '0')] = signal(position, key, value);
+        } else {
+            io.counters[static_cast<std::size_t>(key.back() - '0')] = source(position, key, value);
+        }
+        given.emplace_back(key);
+    }
+
+    void check(std::size_t position, const AdapterSpec& a) const {
+        if (!given.empty() && a.personality != proto::kDevTypeI2c && a.personality != proto::kDevTypeSpi)
+            fail(position, given.front() + " needs an I2C or SPI type (type=1 or type=2)");
+    }
+
+    static IoWiring wiring(std::size_t position, std::string_view value) {
+        IoWiring w;
+        if (value == "none") return w;
+        const std::string bad =
+            quoted("wire", value) + ": none or PIN:PIN[:PIN...] groups joined by '/', pins 0 to 23";
+        for (std::string_view rest = value;;) {
+            const auto slash = rest.find('/');
+            std::string_view group = rest.substr(0, slash);
+            std::optional<unsigned long> previous;
+            int pins = 0;
+            for (;;) {
+                const auto colon = group.find(':');
+                auto pin = number(trim(group.substr(0, colon)), proto::gpio::kPins - 1);
+                if (!pin) fail(position, bad);
+                if (previous) w.push_back({static_cast<int>(*previous), static_cast<int>(*pin)});
+                previous = pin;
+                ++pins;
+                if (colon == std::string_view::npos) break;
+                group.remove_prefix(colon + 1);
+            }
+            if (pins < 2) fail(position, bad);
+            if (slash == std::string_view::npos) break;
+            rest.remove_prefix(slash + 1);
+        }
+        return w;
+    }
+
+    // A non-negative decimal number no larger than `max`.
+    static std::optional<double> decimal(std::string_view text, double max) {
+        const std::string s(text);
+        if (s.empty() || s.find_first_not_of("0123456789.") != std::string::npos) return std::nullopt;
+        char* end = nullptr;
+        const double v = std::strtod(s.c_str(), &end);
+        if (end != s.c_str() + s.size() || v > max) return std::nullopt;
+        return v;
+    }
+
+    static AdcSignal signal(std::size_t position, std::string_view key, std::string_view value) {
+        constexpr double kVoltsMax = proto::adc::kReferenceMillivolts / 1000.0;
+        constexpr double kHzMax = 1000000;
+        const auto colon = value.find(':');
+        const std::string_view form = value.substr(0, colon);
+        std::string_view args =
+            colon == std::string_view::npos ? std::string_view{} : value.substr(colon + 1);
+        const auto colon2 = args.find(':');
+        const std::string_view first = args.substr(0, colon2);
+        const std::string_view second =
+            colon2 == std::string_view::npos ? std::string_view{} : args.substr(colon2 + 1);
+        const bool has_second = colon2 != std::string_view::npos;
+        AdcSignal s;
+        std::optional<double> a = decimal(first, form == "dc" ? kVoltsMax : kHzMax);
+        bool ok = a.has_value() && (form == "sine" || !has_second);
+        if (form == "dc") {
+            s = {AdcSignal::Kind::Dc, a.value_or(0), 0};
+        } else if (form == "ramp" || form == "square") {
+            s = {form == "ramp" ? AdcSignal::Kind::Ramp : AdcSignal::Kind::Square, 0, a.value_or(0)};
+            ok = ok && *a > 0;
+        } else if (form == "sine") {
+            const auto amplitude = has_second ? decimal(second, kVoltsMax / 2) : std::optional<double>{1.65};
+            s = {AdcSignal::Kind::Sine, amplitude.value_or(0), a.value_or(0)};
+            ok = ok && *a > 0 && amplitude.has_value();
+        } else {
+            ok = false;
+        }
+        if (!ok)
+            fail(position,
+                 quoted(key, value) +
+                     ": dc:VOLTS (0 to 3.3), ramp:HZ, sine:HZ[:AMPLITUDE_VOLTS] (to 1.65) or square:HZ");
+        return s;
+    }
+
+    static CounterSource source(std::size_t position, std::string_view key, std::string_view value) {
+        if (value == "none") return {CounterSource::Kind::None, 0};
+        if (value.starts_with("pwm"))
+            if (auto n = number(value.substr(3), proto::pwm::kChannels - 1); n && value.size() > 3)
+                return {CounterSource::Kind::Pwm, static_cast<int>(*n)};
+        if (value.starts_with("pin"))
+            if (auto n = number(value.substr(3), proto::gpio::kPins - 1); n && value.size() > 3)
+                return {CounterSource::Kind::Pin, static_cast<int>(*n)};
+        fail(position, quoted(key, value) + ": pwm0 to pwm7, pin0 to pin23 or none");
+    }
+};
+
 AdapterSpec default_adapter(std::size_t position) {
     AdapterSpec a;
     char serial[16];
@@ -214,6 +332,7 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
     AdapterSpec a = default_adapter(position);
     std::vector<std::string_view> seen;
     CanKeys can;
+    IoKeys io;
     while (true) {
         const auto comma = entry.find(',');
         const std::string_view item = trim(entry.substr(0, comma));
@@ -240,6 +359,8 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
             if (!id)
                 fail(position, std::string(key) + " must be 0 to 0xFFFF, got \"" + std::string(value) + "\"");
             (key == "vid" ? a.vendor : a.product) = static_cast<uint16_t>(*id);
+        } else if (IoKeys::is_key(key)) {
+            io.parse(position, key, value, a.io);
         } else {
             can.parse(position, key, value, a.can);
         }
@@ -247,6 +368,7 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
         entry.remove_prefix(comma + 1);
     }
     can.check(position, a);
+    io.check(position, a);
     return a;
 }
 

@@ -118,6 +118,61 @@ TEST(ParseConfig, CanKeys) {
     }
 }
 
+// The GPIO, ADC and counter keys: "wires | adc signals that differ from the default | counter
+// sources" of the one adapter.
+std::string io_parsed(const std::string& text) {
+    try {
+        const IoSpec io = parse_config(text).at(0).io;
+        std::string out;
+        for (const IoWire& w : io.wiring) out += std::to_string(w.a) + "-" + std::to_string(w.b) + " ";
+        out += "|";
+        const auto defaults = default_adc_signals();
+        for (std::size_t ch = 0; ch < io.adc.size(); ++ch) {
+            if (io.adc[ch] == defaults[ch]) continue;
+            char text[64];
+            std::snprintf(text, sizeof text, " %zu:%d/%g/%g", ch, int(io.adc[ch].kind), io.adc[ch].volts,
+                          io.adc[ch].hz);
+            out += text;
+        }
+        out += " |";
+        for (const CounterSource& c : io.counters)
+            out += " " +
+                   std::string(c.kind == CounterSource::Kind::Pwm   ? "pwm"
+                               : c.kind == CounterSource::Kind::Pin ? "pin"
+                                                                    : "-") +
+                   (c.kind == CounterSource::Kind::None ? "" : std::to_string(c.index));
+        return out;
+    } catch (const std::invalid_argument&) {
+        return "error";
+    }
+}
+
+TEST(ParseConfig, IoKeys) {
+    const struct {
+        std::string text;
+        std::string io;
+    } cases[] = {
+        {"", "0-8 1-9 2-10 3-11 4-12 5-13 6-14 7-15 | | pwm0 pwm1 pwm2 pwm3"},
+        {"type=2,wire=none", "| | pwm0 pwm1 pwm2 pwm3"},
+        {"wire=0:8/1:9:23", "0-8 1-9 9-23 | | pwm0 pwm1 pwm2 pwm3"},
+        {"adc2=sine:50,adc0=dc:3.3,adc7=ramp:0.5",
+         "0-8 1-9 2-10 3-11 4-12 5-13 6-14 7-15 | 0:0/3.3/0 7:1/0/0.5 |"
+         " pwm0 pwm1 pwm2 pwm3"},
+        {"wire=none,adc1=sine:1000:1,adc3=square:2", "| 1:2/1/1000 3:3/0/2 | pwm0 pwm1 pwm2 pwm3"},
+        {"wire=none,cnt0=pin8,cnt1=none,cnt3=pwm7", "| | pin8 - pwm2 pwm7"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(io_parsed(c.text), c.io) << c.text;
+
+    for (const char* text :
+         {"wire=0:24",       "wire=0",           "wire=0:8/",  "wire=a:b",        "wire=0-8",
+          "adc8=dc:1",       "adc0=dc:3.4",      "adc0=dc:-1", "adc0=dc",         "adc0=dc:1:2",
+          "adc0=ramp:0",     "adc0=sine:50:1.7", "adc0=saw:5", "adc0=square:1e3", "cnt4=pwm0",
+          "cnt0=pwm8",       "cnt0=pin24",       "cnt0=pwm",   "cnt0=timer",      "type=3,wire=none",
+          "type=4,cnt0=none"}) {
+        EXPECT_EQ(io_parsed(text), "error") << text;
+    }
+}
+
 // Runs in a child process started afresh, so that the environment is read at first use.
 TEST(StartUp, MalformedEnvironmentFallsBackToOneDefaultAdapter) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

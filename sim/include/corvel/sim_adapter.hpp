@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "corvel/protocol.hpp"
 
@@ -47,6 +48,74 @@ struct CanSpec {
     CanGeneratorSpec generator;
 };
 
+// The analogue signal on one ADC channel, a function of the adapter's time t in seconds, in counts
+// of the 12-bit converter (0..4095 for 0..3.3 V; a voltage v is round(v x 4096 / 3.3), at most
+// 4095):
+//   Dc      `volts`
+//   Ramp    a sawtooth 0..4095 at `hz`: floor(4096 x frac(t x hz))
+//   Sine    round(2048 + a x sin(2 pi hz t)), a the amplitude `volts` in counts (at most 2047)
+//   Square  4095 in the first half of each period of `hz`, 0 in the second
+struct AdcSignal {
+    enum class Kind : uint8_t { Dc, Ramp, Sine, Square };
+    Kind kind = Kind::Dc;
+    double volts = 0;  // Dc: the level; Sine: the amplitude
+    double hz = 0;
+    bool operator==(const AdcSignal&) const = default;
+};
+
+// What a counter counts the edges of: a PWM output, a GPIO pin (its level changes, which happen at
+// the host's writes and at outside-driver changes), or nothing.
+struct CounterSource {
+    enum class Kind : uint8_t { Pwm, Pin, None };
+    Kind kind = Kind::None;
+    int index = 0;  // PWM output 0..7 or pin 0..23
+    bool operator==(const CounterSource&) const = default;
+};
+
+// Two GPIO pins joined by a wire; the wires of a harness join pins into nets.
+struct IoWire {
+    int a = 0, b = 0;
+    bool operator==(const IoWire&) const = default;
+};
+using IoWiring = std::vector<IoWire>;
+
+// The outside of the GPIO, ADC, PWM and counter functions of the I2C and SPI types (ignored on
+// the others). Defaults: pin n wired to pin n + 8 for n = 0..7; ADC channels 0..7 fed by DC
+// 1.65 V, a 1 Hz ramp, a 50 Hz sine, a 10 Hz square wave, DC 0, 0.825, 2.475 and 3.3 V; counter n
+// counting PWM output n.
+IoWiring default_io_wiring();
+std::array<AdcSignal, 8> default_adc_signals();
+std::array<CounterSource, 4> default_counter_sources();
+
+struct IoSpec {
+    IoWiring wiring = default_io_wiring();
+    std::array<AdcSignal, 8> adc = default_adc_signals();
+    std::array<CounterSource, 4> counters = default_counter_sources();
+};
+
+inline IoWiring default_io_wiring() {
+    IoWiring w;
+    for (int n = 0; n < 8; ++n) w.push_back({n, n + 8});
+    return w;
+}
+
+inline std::array<AdcSignal, 8> default_adc_signals() {
+    using K = AdcSignal::Kind;
+    return {{{K::Dc, 1.65, 0},
+             {K::Ramp, 0, 1},
+             {K::Sine, 1.65, 50},
+             {K::Square, 0, 10},
+             {K::Dc, 0, 0},
+             {K::Dc, 0.825, 0},
+             {K::Dc, 2.475, 0},
+             {K::Dc, 3.3, 0}}};
+}
+
+inline std::array<CounterSource, 4> default_counter_sources() {
+    using K = CounterSource::Kind;
+    return {{{K::Pwm, 0}, {K::Pwm, 1}, {K::Pwm, 2}, {K::Pwm, 3}}};
+}
+
 struct AdapterSpec {
     std::string serial = "CV0000000001";   // USB serial-number string
     bool has_serial = true;                // false: the device descriptor has no serial string
@@ -54,6 +123,7 @@ struct AdapterSpec {
     uint16_t vendor = proto::kVendorId;
     uint16_t product = proto::kProductId;
     CanSpec can;
+    IoSpec io;  // types 1 and 2
 
     // Only a device with the adapter's ids runs the firmware model; any other is a foreign device.
     bool runs_model() const { return vendor == proto::kVendorId && product == proto::kProductId; }
