@@ -60,6 +60,12 @@ int32_t send_bare(int32_t dev, int32_t code, std::span<const uint8_t> payload) {
     return USB_SendStatus(dev, msg) == 0 ? KD_SUCCESS : KD_ERR_USB_WRITE_FAIL;
 }
 
+int32_t send_bare(int32_t dev, Request& request) {
+    const auto payload = request.payload().view();
+    if (!request.payload().ok()) return KD_ERR_USB_WRITE_FAIL;
+    return send_bare(dev, request.code(), payload);
+}
+
 int32_t request_fetch(int32_t dev, Request& request, MSG_STATE ok, int32_t fetch, FetchSend policy,
                       std::optional<int> status_timeout_ms) {
     const int32_t r = status_timeout_ms ? request_status(dev, request, ok, *status_timeout_ms)
@@ -87,7 +93,7 @@ int32_t request_data(int32_t dev, Request& request, uint8_t* out, std::size_t le
 }
 
 int32_t request_reply(int32_t dev, Request& request, Reply kind, std::span<uint8_t> out,
-                      std::optional<MSG_STATE> ok, S_MSG* answer) {
+                      std::optional<MSG_STATE> ok, S_MSG* answer, int32_t wrong_status) {
     if (send(dev, request) != 0) return KD_ERR_USB_WRITE_FAIL;
     S_MSG reply{0, static_cast<int32_t>(out.size()), MSG_NO_STATE, 0, out.data()};
     const uint8_t r = kind == Reply::Packet  ? USB_GetMsg(dev, &reply, out.size())
@@ -95,7 +101,7 @@ int32_t request_reply(int32_t dev, Request& request, Reply kind, std::span<uint8
                                              : USB_GetMsgEx(dev, &reply, out.size());
     if (answer != nullptr) *answer = reply;
     if (r != 0) return KD_ERR_USB_READ_FAIL;
-    if (ok && reply.status != *ok) return KD_ERR_EXECUTE_CMD;
+    if (ok && reply.status != *ok) return wrong_status;
     return KD_SUCCESS;
 }
 

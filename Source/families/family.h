@@ -99,6 +99,9 @@ int32_t request_status(int32_t dev, Request& request, MSG_STATE ok, int timeout_
 // 0, at most 505 payload bytes, 500 ms), as the data-fetch requests (no payload) and the CAN polls
 // (the channel byte) go: 0, or -5.
 int32_t send_bare(int32_t dev, int32_t code, std::span<const uint8_t> payload = {});
+// The same for a request built in place, for the requests that go through the status path (the
+// ADC read): its code and payload, 0 or -5.
+int32_t send_bare(int32_t dev, Request& request);
 
 // Whether a data-fetch message that did not go out ends a read handshake with -5 (Checked), or is
 // let pass, so that the data read finds nothing and fails by itself (Unchecked). Each family
@@ -133,10 +136,12 @@ enum class Reply {
     Long,    // a header, then the announced payload (USB_GetMsgEx)
 };
 // Sends the request and receives the reply into `out` (at most out.size() bytes are copied). When
-// `ok` is given, a reply status other than it is -10. The received record is left in *answer when
-// the caller wants the status, code or size.
+// `ok` is given, a reply status other than it is `wrong_status` (-10 unless the family answers
+// otherwise, as the GPIO reads do with -6). The received record is left in *answer when the caller
+// wants the status, code or size.
 int32_t request_reply(int32_t dev, Request& request, Reply kind, std::span<uint8_t> out,
-                      std::optional<MSG_STATE> ok = std::nullopt, S_MSG* answer = nullptr);
+                      std::optional<MSG_STATE> ok = std::nullopt, S_MSG* answer = nullptr,
+                      int32_t wrong_status = KD_ERR_EXECUTE_CMD);
 
 // ---- Board information ----------------------------------------------------------------------
 
