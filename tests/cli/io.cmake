@@ -16,9 +16,9 @@ corvel_cli_test(gpio.watch_a_toggled_pin
   CHECK --out "^0\\.1[0-9]{5} 8=1 rising$" --out "^0\\.2[0-9]{5} 8=0 falling$" --out-lines 2 --no-err
         -- ${CORVEL} --sim gpio mode 0 out watch 8 --toggle 0 -n 2)
 corvel_cli_test(gpio.get_of_a_pin_above_15_is_refused
-  CHECK --status 2 --err "returns pins 0 to 15 only" -- ${CORVEL} --sim gpio get 16)
+  CHECK --status 2 --err "PINS: the adapter's read returns pins 0 to 15 only" -- ${CORVEL} --sim gpio get 16)
 corvel_cli_test(gpio.bad_pin_list
-  CHECK --status 2 --err "'8-3' is not a pin or a range of pins from 0 to 23" -- ${CORVEL} --sim gpio set 0,8-3)
+  CHECK --status 2 --err "PINS: '8-3' is not a pin or a range of pins from 0 to 23" -- ${CORVEL} --sim gpio set 0,8-3)
 corvel_cli_test(gpio.no_adapter_hint ENV CORVEL_SIM=0
   CHECK --status 1 --err "^corvel: no adapter found" -- ${CORVEL} --sim gpio get)
 
@@ -31,7 +31,7 @@ corvel_cli_test(adc.plot_of_the_sine ENV COLUMNS=60
   CHECK --out "⣿ ch2" --out "^ *[0-9.]+V ┤.*" --out-lines 16 --no-err
         -- ${CORVEL} --sim adc read -c 0x04 -n 100 --period 500 --plot)
 corvel_cli_test(adc.too_long_a_block
-  CHECK --status 2 --err "take longer than the 10 s" -- ${CORVEL} --sim adc read -n 10240 --period 1000)
+  CHECK --status 2 --err "--period: 10240 instants 1000 us apart take longer than the 10 s the library waits for a block" -- ${CORVEL} --sim adc read -n 10240 --period 1000)
 
 # --- corvel pwm, counter ---------------------------------------------------------------------
 corvel_cli_test(counter.counts_a_pwm_for_a_second
@@ -42,7 +42,7 @@ corvel_cli_test(counter.chained_set_get
 corvel_cli_test(pwm.start_duty_freq_stop
   CHECK --out-lines 0 --no-err -- ${CORVEL} --sim pwm start -c 5 --freq 1000 --duty 50 duty -c 5 25 freq -c 5 2000 stop -c 5)
 corvel_cli_test(pwm.bad_duty
-  CHECK --status 2 --err "101" -- ${CORVEL} --sim pwm duty -c 1 101)
+  CHECK --status 2 --err "PCT: 101 is out of range \\(0 to 100\\)" -- ${CORVEL} --sim pwm duty -c 1 101)
 
 # --- examples --------------------------------------------------------------------------------
 corvel_cli_test(corvel_sim.example_gpio_blink
