@@ -26,5 +26,8 @@ void add_i2c_commands(CLI::App& app, Context& ctx);
 void add_spi_commands(CLI::App& app, Context& ctx);
 void add_flash_commands(CLI::App& app, Context& ctx);
 void add_can_commands(CLI::App& app, Context& ctx);
+void add_gpio_commands(CLI::App& app, Context& ctx);
+void add_adc_commands(CLI::App& app, Context& ctx);
+void add_pwm_counter_commands(CLI::App& app, Context& ctx);
 
 }  // namespace corvel::cli

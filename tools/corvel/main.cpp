@@ -20,6 +20,9 @@ int main(int argc, char** argv) {
     add_spi_commands(app, ctx);
     add_flash_commands(app, ctx);
     add_can_commands(app, ctx);
+    add_gpio_commands(app, ctx);
+    add_adc_commands(app, ctx);
+    add_pwm_counter_commands(app, ctx);
     app.footer("Run any other program on the virtual adapter with: corvel-sim PROGRAM [ARGS...]");
 
     try {
