@@ -28,10 +28,8 @@ corvel_cli_test(adc.dc_channel_in_volts
 corvel_cli_test(adc.raw_csv
   CHECK --out "^ch0,ch7$" --out "^2048,4095$" --out-lines 3 --no-err -- ${CORVEL} --sim adc read -c 0x81 -n 2 --raw --csv)
 corvel_cli_test(adc.plot_of_the_sine ENV COLUMNS=60
-  CHECK --out "⣿ ch2" --out "^ *[0-9.]+V ┤.*" --out-lines 16 --no-err
+  CHECK --out "^ *⣿ ch2$" --out "^ *[0-9.]+V ┤.*" --out-lines 16 --no-err
         -- ${CORVEL} --sim adc read -c 0x04 -n 100 --period 500 --plot)
-corvel_cli_test(adc.too_long_a_block
-  CHECK --status 2 --err "--period: 10240 instants 1000 us apart take longer than the 10 s the library waits for a block" -- ${CORVEL} --sim adc read -n 10240 --period 1000)
 
 # --- corvel pwm, counter ---------------------------------------------------------------------
 corvel_cli_test(counter.counts_a_pwm_for_a_second

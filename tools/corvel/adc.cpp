@@ -29,8 +29,6 @@ namespace {
 
 namespace adc = proto::adc;
 
-constexpr uint64_t kMaxBlockUs = static_cast<uint64_t>(adc::kReadTimeoutMs) * 1000;
-
 struct ReadArgs {
     uint8_t mask = 0x01;
     uint16_t count = 16;
@@ -117,15 +115,7 @@ void add_adc_commands(CLI::App& app, Context& ctx) {
     cmd->add_option("--height", a->plot_height, "Rows of the chart")
         ->capture_default_str()
         ->transform(number_in(5, 200));
-    cmd->callback([actions, a] {
-        if (uint64_t{a->count} * a->period_us > kMaxBlockUs) {
-            throw CLI::ValidationError("--period",
-                                       fmt::format("{} instants {} us apart take longer than the {} s "
-                                                   "the library waits for a block",
-                                                   a->count, a->period_us, adc::kReadTimeoutMs / 1000));
-        }
-        actions->add([a](const IoTarget& t) { return read_samples(t, *a); });
-    });
+    cmd->callback([actions, a] { actions->add([a](const IoTarget& t) { return read_samples(t, *a); }); });
 }
 
 }  // namespace corvel::cli

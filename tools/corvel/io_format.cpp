@@ -155,12 +155,23 @@ std::string render_plot(std::span<const PlotSeries> series, const PlotStyle& sty
                                                        static_cast<double>(values.size() - 1)));
             int y = static_cast<int>(std::lround((hi - values[i]) / (hi - lo) * (dots_y - 1)));
             y = std::clamp(y, 0, dots_y - 1);
-            int from = y, to = y;
-            if (prev_x >= 0 && x - prev_x <= 1) {  // join to the previous point in the next column
-                from = std::min(y, prev_y);
-                to = std::max(y, prev_y);
+            if (prev_x < 0 || x == prev_x) {
+                const int from = prev_x < 0 ? y : std::min(y, prev_y);
+                const int to = prev_x < 0 ? y : std::max(y, prev_y);
+                for (int yy = from; yy <= to; ++yy) dot(x, yy, static_cast<int>(k));
+            } else {
+                // A line to the previous point: each dot column between them gets the part of the
+                // line that crosses it, so steep edges stay joined and no column is skipped.
+                const double span = x - prev_x;
+                for (int xx = prev_x; xx <= x; ++xx) {
+                    const double t0 = std::clamp((xx - 0.5 - prev_x) / span, 0.0, 1.0);
+                    const double t1 = std::clamp((xx + 0.5 - prev_x) / span, 0.0, 1.0);
+                    const double ya = prev_y + t0 * (y - prev_y), yb = prev_y + t1 * (y - prev_y);
+                    const int from = static_cast<int>(std::lround(std::min(ya, yb)));
+                    const int to = static_cast<int>(std::lround(std::max(ya, yb)));
+                    for (int yy = from; yy <= to; ++yy) dot(xx, yy, static_cast<int>(k));
+                }
             }
-            for (int yy = from; yy <= to; ++yy) dot(x, yy, static_cast<int>(k));
             prev_x = x;
             prev_y = y;
         }
