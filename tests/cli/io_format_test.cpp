@@ -53,8 +53,8 @@ TEST(Samples, Tables) {
     EXPECT_EQ(format_samples(t), "ch0,ch3\n2048,4095\n0,1\n");
 }
 
-// A rising ramp: the first sample sits in the bottom-left cell, the last in the top-right one; the
-// labels, axis and legend frame it.
+// A rising ramp: the first sample sits in the bottom-left cell, the last in the top-right one, and
+// the line between them leaves no dot column empty; the labels, axis and legend frame it.
 TEST(Plot, RampFromCornerToCorner) {
     std::vector<PlotSeries> series{{"ch1", {0, 1, 2, 3}}, {"ch5", {1, 1, 1, 1}}};
     PlotStyle style{30, 8, 1, "V", false};
@@ -66,12 +66,40 @@ TEST(Plot, RampFromCornerToCorner) {
     ASSERT_EQ(lines.size(), 8u) << plot;
     EXPECT_EQ(lines[0].rfind("3.0V ┤", 0), 0u) << plot;
     EXPECT_EQ(lines[4].rfind("0.0V ┤", 0), 0u) << plot;
-    EXPECT_EQ(lines[4].substr(std::string("0.0V ┤").size(), 3), "⡀") << plot;  // bottom-left dot
-    EXPECT_EQ(lines[0].substr(lines[0].size() - 3), "⠈") << plot;              // top-right dot
+    // The dots of a braille cell (U+2800 + bits, three UTF-8 bytes): 0x40 bottom-left, 0x08 top-right.
+    auto dots = [](const std::string& cell) { return ((cell[1] & 0x03) << 6) | (cell[2] & 0x3F); };
+    EXPECT_TRUE(dots(lines[4].substr(std::string("0.0V ┤").size(), 3)) & 0x40) << plot;
+    EXPECT_TRUE(dots(lines[0].substr(lines[0].size() - 3)) & 0x08) << plot;
     EXPECT_NE(lines[5].find("└──"), std::string::npos) << plot;
     EXPECT_EQ(lines[6], "      0" + std::string(22, ' ') + "3") << plot;
     EXPECT_EQ(lines[7], "      ⣿ ch1  ⣿ ch5") << plot;
     EXPECT_EQ(render_plot({}, style), "");
+
+    // The ramp alone: every cell column holds dots of the line in both its dot columns.
+    const std::vector<PlotSeries> ramp{series[0]};
+    const std::string alone = render_plot(ramp, style);
+    std::vector<int> column_dots;
+    std::size_t at = 0;
+    for (int row = 0; row < 5; ++row) {
+        const std::size_t nl = alone.find('\n', at);
+        const std::string line = alone.substr(at, nl - at);
+        std::size_t c = 0;
+        for (std::size_t i = std::string("0.0V ┤").size(); i < line.size(); ++c) {
+            if (column_dots.size() <= c) column_dots.push_back(0);
+            if (line[i] == ' ') {
+                ++i;
+            } else {
+                column_dots[c] |= dots(line.substr(i, 3));
+                i += 3;
+            }
+        }
+        at = nl + 1;
+    }
+    ASSERT_EQ(column_dots.size(), 24u) << alone;
+    for (std::size_t c = 0; c < column_dots.size(); ++c) {
+        EXPECT_TRUE((column_dots[c] & 0x47) && (column_dots[c] & 0xB8)) << "cell column " << c << "\n"
+                                                                        << alone;
+    }
 }
 
 }  // namespace
