@@ -31,7 +31,10 @@ void open_and_start(uint32_t dev, uint32_t generator_id) {
         ASSERT_EQ(VCI_StartCAN(kCan2, dev, can), 1u);
     }
     sim::CanGeneratorSpec g;
-    g.rate = 500;
+    // A slow rate: the read threads' sleeps move the one virtual clock on, and while a slow process
+    // (a sanitizer build on a busy machine) keeps a draining thread off the processor they can move
+    // it seconds ahead; at this rate that still leaves the library's queues far from full.
+    g.rate = 50;
     g.id_first = g.id_last = generator_id;
     sim::set_can_generator(static_cast<int>(dev), g);
 }
@@ -44,19 +47,21 @@ void count_callback(uint32_t, uint32_t, uint32_t) {
 // What one adapter's channels received: frames counted by identifier.
 struct Tally {
     std::array<uint64_t, 2> generator{}, transmitted{}, foreign{};
-    // Takes what waits on both channels; `mine` is the generator's identifier, 0x300 + dev the
+    // Takes all that waits on both channels; `mine` is the generator's identifier, 0x300 + dev the
     // transmitted frames'.
     void take(uint32_t dev, uint32_t mine) {
         std::array<VCI_CAN_OBJ, 256> buf{};
         for (uint32_t can : {0u, 1u}) {
-            const uint32_t n = VCI_Receive(kCan2, dev, can, buf.data(), buf.size(), 0);
-            for (uint32_t i = 0; i < n && n != 0xFFFFFFFF; ++i) {
-                if (buf[i].ID == mine) {
-                    ++generator[can];
-                } else if (buf[i].ID == 0x300 + dev && can == 1) {
-                    ++transmitted[can];
-                } else {
-                    ++foreign[can];
+            uint32_t n;
+            while ((n = VCI_Receive(kCan2, dev, can, buf.data(), buf.size(), 0)) != 0 && n != 0xFFFFFFFF) {
+                for (uint32_t i = 0; i < n; ++i) {
+                    if (buf[i].ID == mine) {
+                        ++generator[can];
+                    } else if (buf[i].ID == 0x300 + dev && can == 1) {
+                        ++transmitted[can];
+                    } else {
+                        ++foreign[can];
+                    }
                 }
             }
         }
