@@ -96,9 +96,21 @@ int32_t request_reply(int32_t dev, Request& request, Reply kind, std::span<uint8
                       std::optional<MSG_STATE> ok, S_MSG* answer, int32_t wrong_status) {
     if (send(dev, request) != 0) return KD_ERR_USB_WRITE_FAIL;
     S_MSG reply{0, static_cast<int32_t>(out.size()), MSG_NO_STATE, 0, out.data()};
-    const uint8_t r = kind == Reply::Packet  ? USB_GetMsg(dev, &reply, out.size())
-                      : kind == Reply::Exact ? USB_GetMsgWithSize(dev, &reply, out.size())
-                                             : USB_GetMsgEx(dev, &reply, out.size());
+    uint8_t r = 1;
+    switch (kind) {
+        case Reply::Packet:
+            r = USB_GetMsg(dev, &reply, out.size());
+            break;
+        case Reply::Exact:
+            r = USB_GetMsgWithSize(dev, &reply, out.size());
+            break;
+        case Reply::Long:
+            r = USB_GetMsgEx(dev, &reply, out.size());
+            break;
+        case Reply::Frame:
+            r = USB_GetReplyFrame(dev, &reply, out.size(), proto::smbus::kReplyTimeoutMs);
+            break;
+    }
     if (answer != nullptr) *answer = reply;
     if (r != 0) return KD_ERR_USB_READ_FAIL;
     if (ok && reply.status != *ok) return wrong_status;

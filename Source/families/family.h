@@ -134,6 +134,8 @@ enum class Reply {
     Packet,  // one 512-byte packet (USB_GetMsg)
     Exact,   // exactly out.size() payload bytes behind the header (USB_GetMsgWithSize)
     Long,    // a header, then the announced payload (USB_GetMsgEx)
+    Frame,   // one frame of any length up to 512 bytes, 100 ms a try (USB_GetReplyFrame); the
+             // answer's size is then the number of payload bytes stored
 };
 // Sends the request and receives the reply into `out` (at most out.size() bytes are copied). When
 // `ok` is given, a reply status other than it is `wrong_status` (-10 unless the family answers

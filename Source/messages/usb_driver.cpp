@@ -161,6 +161,21 @@ uint8_t USB_GetMsgEx(int32_t dev, S_MSG* msg, std::size_t capacity) {
     return 0;
 }
 
+uint8_t USB_GetReplyFrame(int32_t dev, S_MSG* msg, std::size_t capacity, int timeout_ms) {
+    Buffers* b = buffers();
+    if (b == nullptr) return fail_receive(msg);
+    auto& packet = b->packet;
+    const int32_t n =
+        read(dev, packet.data(), static_cast<int32_t>(packet.size()), timeout_ms, ReadMode::Retrying);
+    if (n < static_cast<int32_t>(proto::kReplyHeaderSize)) return fail_receive(msg);
+    decode_reply_header(packet.data(), msg);
+    const std::size_t received = static_cast<std::size_t>(n) - proto::kReplyHeaderSize;
+    const std::size_t stored = std::min({static_cast<std::size_t>(msg->size), received, capacity});
+    copy_payload(msg, packet.data() + proto::kReplyHeaderSize, stored);
+    msg->size = static_cast<int32_t>(stored);
+    return 0;
+}
+
 MSG_STATE USB_GetStatus(int32_t dev) {
     uint8_t status = 0;
     const int32_t n = read(dev, &status, 1, kStatusTimeoutMs, ReadMode::Retrying);

@@ -33,6 +33,13 @@ uint8_t USB_GetMsgWithSize(int32_t dev, S_MSG* msg, std::size_t capacity = corve
 // Receives a 7-byte header and then exactly the announced payload (1000 ms each).
 uint8_t USB_GetMsgEx(int32_t dev, S_MSG* msg, std::size_t capacity = corvel::proto::kLongReplyBufferSize);
 
+// Receives one reply frame of any length up to 512 bytes (one read of `timeout_ms`, with the raw
+// layer's retries), as the SMBus and PMBus replies come: at least the 7-byte header must arrive.
+// The payload copy is bounded by the announced size, by what arrived and by `capacity`, and
+// msg->size is then the number of payload bytes stored. 0 on success; 1 (and msg->message = 0,
+// msg->size untouched) when too little came.
+uint8_t USB_GetReplyFrame(int32_t dev, S_MSG* msg, std::size_t capacity, int timeout_ms);
+
 // Reads one status byte (3000 ms, with retries); MSG_NO_STATE when none came.
 MSG_STATE USB_GetStatus(int32_t dev);
 // Reads one status byte with one attempt on the current board handle and the caller's time-out.

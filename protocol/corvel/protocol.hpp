@@ -170,6 +170,58 @@ inline constexpr std::size_t kValueSize = 4;  // per selected counter, big-endia
 inline constexpr std::size_t kMaskSize = 1;   // get, start, stop
 }  // namespace cnt
 
+namespace smbus {
+// The SMBus and PMBus families run on I2C channels 0 and 1 of an adapter of type 1.
+inline constexpr int kChannels = 2;
+inline constexpr uint32_t kMinClockHz = 10000;
+inline constexpr uint32_t kMaxClockHz = 400000;
+inline constexpr std::size_t kPayloadBufferSize = 512;  // one request's payload
+inline constexpr std::size_t kReplyReadSize = 512;      // one reply read: header and payload
+inline constexpr int kReplyTimeoutMs = 100;             // per attempt; the raw layer retries
+inline constexpr std::size_t kBlockMax = 32;            // data bytes of an SMBus block
+inline constexpr std::size_t kWordSize = 2;
+// Status bytes of the adapter's SMBus and PMBus transactions.
+inline constexpr uint8_t kStatusOk = 0;
+inline constexpr uint8_t kStatusAddressNack = 1;  // nobody acknowledged the address
+inline constexpr uint8_t kStatusDataNack = 2;     // the target refused a byte (command or data)
+inline constexpr uint8_t kStatusPecError = 3;     // PEC mismatch, or the target refused the PEC
+inline constexpr uint8_t kStatusNotReady = 4;     // channel not initialised (or no such channel)
+inline constexpr uint8_t kStatusBlockSize = 5;    // block count 0 or above 32, on either side
+inline constexpr uint8_t kStatusBadRequest = 6;   // payload malformed for its message
+}  // namespace smbus
+
+namespace pmbus {
+inline constexpr std::size_t kBlockMax = 32;            // block writes: -4 above it
+inline constexpr std::size_t kGroupBufferSize = 10240;  // one group command's payload
+inline constexpr std::size_t kGroupPayloadMax = 10233;  // -4 once the payload passes this
+inline constexpr std::size_t kGroupEntryMax = 32;       // data bytes of one group entry
+inline constexpr uint8_t kExtManufacturer = 0xFE;       // MFR_SPECIFIC_COMMAND_EXT
+inline constexpr uint8_t kExtPmbus = 0xFF;              // PMBUS_COMMAND_EXT
+}  // namespace pmbus
+
+namespace sdi12 {
+inline constexpr int kPorts = 2;
+inline constexpr std::size_t kCommandMax = 511;      // characters of a command, "!" included
+inline constexpr std::size_t kLineBufferSize = 512;  // a response line and its terminator
+inline constexpr char kCommandEnd = '!';
+inline constexpr uint8_t kParityBit = 0x80;  // even parity over bits 0-6, in bit 7 (7E1)
+}  // namespace sdi12
+
+namespace onewire {
+inline constexpr std::size_t kTimings = 15;             // tA..tJ, tR1..tR5: the low byte of each is sent
+inline constexpr std::size_t kInitSize = 2 + kTimings;  // port, pin, timings
+inline constexpr uint8_t kReadRequest = 0x63;           // "c": the payload of the replied requests
+inline constexpr std::size_t kReplyPayloadSize = 1;
+}  // namespace onewire
+
+namespace easyscale {
+inline constexpr std::size_t kInitSize = 28;    // fourteen 16-bit values
+inline constexpr std::size_t kCommandSize = 5;  // channel (2), address, data byte, mode
+inline constexpr uint8_t kRfaBit = 0x80;        // data byte: request for acknowledge,
+inline constexpr int kSubAddrShift = 5;         // sub-address in bits 6-5,
+inline constexpr uint8_t kDataMask = 0x1F;      // value in bits 4-0
+}  // namespace easyscale
+
 namespace can {
 // Channels are numbered 1 and 2 on the wire (CAN index 0 and 1 in the ControlCAN-style interface).
 inline constexpr uint8_t kChannel1 = 1;
