@@ -21,7 +21,7 @@ constexpr int32_t kI2c = KD_DEVTYPE_I2C;
 constexpr int32_t kSpi = KD_DEVTYPE_SPI;
 
 // Adapter 0 of the I2C type, adapter 1 of the SPI type, both open.
-class SingleWire : public VirtualAdapters {
+class SingleWireParts : public VirtualAdapters {
   protected:
     void SetUp() override {
         reset({adapter("SW0001"), adapter("SW0002", kSpi)});
@@ -62,7 +62,7 @@ class SingleWire : public VirtualAdapters {
     }
 };
 
-TEST_F(SingleWire, Sdi12MeasurementPassesTheLibrarysCrcCheck) {
+TEST_F(SingleWireParts, Sdi12MeasurementPassesTheLibrarysCrcCheck) {
     ASSERT_EQ(SDI_InitSDI(kI2c, 0, 0), 0);
     EXPECT_EQ(sdi(0, 0, "0I!", 0), "014CORVEL  SDI12S100SN0001\r\n");
     EXPECT_EQ(sdi(0, 0, "0MC!", 0), "00013\r\n");
@@ -80,7 +80,7 @@ TEST_F(SingleWire, Sdi12MeasurementPassesTheLibrarysCrcCheck) {
     EXPECT_EQ(sim::sdi12_port(0, 0).last_command, "0D0!");
 }
 
-TEST_F(SingleWire, Sdi12CorruptedOrMissingAnswers) {
+TEST_F(SingleWireParts, Sdi12CorruptedOrMissingAnswers) {
     ASSERT_EQ(SDI_InitSDI(kI2c, 1, 1), 0);
     EXPECT_EQ(sdi(1, 1, "1!", 0), "1\r\n");
     sdi(1, 1, "0!", 0, -10);  // nobody at address 0 on port 1
@@ -94,7 +94,7 @@ TEST_F(SingleWire, Sdi12CorruptedOrMissingAnswers) {
     EXPECT_EQ(sdi(1, 1, "1D0!", 1, -15), corrupt);
 }
 
-TEST_F(SingleWire, OneWireTemperatureConversionThroughThePrimitives) {
+TEST_F(SingleWireParts, OneWireTemperatureConversionThroughThePrimitives) {
     ow_init(0);
     ASSERT_TRUE(ow_reset(0));
     ow_write(0, {0xCC, 0x44});
@@ -123,7 +123,7 @@ TEST_F(SingleWire, OneWireTemperatureConversionThroughThePrimitives) {
     EXPECT_EQ(ow_read<2>(0), (std::array<uint8_t, 2>{0xF8, 0xFF}));
 }
 
-TEST_F(SingleWire, OneWireReadRomOnTheSensorsPinOnly) {
+TEST_F(SingleWireParts, OneWireReadRomOnTheSensorsPinOnly) {
     ow_init(1);
     ASSERT_TRUE(ow_reset(1));
     ow_write(1, {0x33});
@@ -138,7 +138,7 @@ TEST_F(SingleWire, OneWireReadRomOnTheSensorsPinOnly) {
     EXPECT_FALSE(sim::onewire_line(1).sensor_on_line);
 }
 
-TEST_F(SingleWire, EasyScaleWritesReachTheDriversRegisters) {
+TEST_F(SingleWireParts, EasyScaleWritesReachTheDriversRegisters) {
     // The record's order: TShutDown, ESDelay, ESDetect, ESWin, TStart, TEos, TValACK, TACKN, then the
     // bit times; the library sends them in another order.
     KEI_ES_TIMING t{1000, 100, 260, 1000, 2, 2, 2, 512, 20, 8, 8, 20};
