@@ -8,34 +8,15 @@
 #include "smbus_exchange.h"
 
 using namespace corvel;
+using smbus::Block;
 using smbus::channel;
 using smbus::check;
-using smbus::into;
+using smbus::Into;
+using smbus::run;
 using smbus::transact;
+using smbus::Word;
 namespace pmbus = corvel::proto::pmbus;
 namespace limits = corvel::proto::smbus;
-
-namespace {
-
-// A block write carries at most 32 data bytes here; more is -4 before anything goes out (the SMBus
-// family has no such limit).
-int32_t check_block(int32_t DevType, int32_t DevIndex, uint8_t ByteCount) {
-    return Check(smbus::kFamily, DevType, DevIndex)
-        .require(ByteCount <= pmbus::kBlockMax, KD_ERR_DATA_FORMAT);
-}
-
-// Channel, address and command code: how every command-coded transaction starts.
-proto::Writer& command(Request& request, int32_t index, uint8_t SlaveAddr, uint8_t CommandCode) {
-    return channel(request, index).u8(SlaveAddr).u8(CommandCode);
-}
-
-// The same behind an extension prefix.
-proto::Writer& extended(Request& request, int32_t index, uint8_t SlaveAddr, uint8_t CommandCodeExt,
-                        uint8_t CommandCode) {
-    return channel(request, index).u8(SlaveAddr).u8(CommandCodeExt).u8(CommandCode);
-}
-
-}  // namespace
 
 // ---- Device management: the I2C family's own functions ------------------------------------------
 
@@ -61,105 +42,78 @@ int32_t PMBus_HardInit(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, ui
 // SMBus Write Byte: with a command code (the command-less form is PMBus_SendByte).
 int32_t PMBus_WriteByte(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                         uint8_t CommandCode, uint8_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_WRITEBYTE);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_WRITEBYTE, PMBUSIndex, {}, SlaveAddr, CommandCode, Data, PEC);
 }
 
 int32_t PMBus_ReadByte(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                        uint8_t CommandCode, uint8_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_READBYTE);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, 1));
+    return run(DevType, DevIndex, MSG_KD_PMBUS_READBYTE, PMBUSIndex, Into(pData, 1), SlaveAddr, CommandCode,
+               PEC);
 }
 
 // SMBus Send Byte: the command code is the single data byte.
 int32_t PMBus_SendByte(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                        uint8_t CommandCode, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_SENDBYTE);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_SENDBYTE, PMBUSIndex, {}, SlaveAddr, CommandCode, PEC);
 }
 
 int32_t PMBus_WriteWord(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                         uint8_t CommandCode, uint16_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_WRITEWORD);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).be16(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_WRITEWORD, PMBUSIndex, {}, SlaveAddr, CommandCode, Word{Data},
+               PEC);
 }
 
 // The word's two bytes are stored as the bus carried them (low byte first).
 int32_t PMBus_ReadWord(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                        uint8_t CommandCode, uint16_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_READWORD);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, limits::kWordSize));
+    return run(DevType, DevIndex, MSG_KD_PMBUS_READWORD, PMBUSIndex, Into(pData, limits::kWordSize),
+               SlaveAddr, CommandCode, PEC);
 }
 
+// The extended forms: the prefix byte goes before the command code.
 int32_t PMBus_WriteByteExt(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                            uint8_t CommandCodeExt, uint8_t CommandCode, uint8_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_WRITEBYTEEXT);
-    extended(request, PMBUSIndex, SlaveAddr, CommandCodeExt, CommandCode).u8(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_WRITEBYTEEXT, PMBUSIndex, {}, SlaveAddr, CommandCodeExt,
+               CommandCode, Data, PEC);
 }
 
 int32_t PMBus_ReadByteExt(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                           uint8_t CommandCodeExt, uint8_t CommandCode, uint8_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_READBYTEEXT);
-    extended(request, PMBUSIndex, SlaveAddr, CommandCodeExt, CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, 1));
+    return run(DevType, DevIndex, MSG_KD_PMBUS_READBYTEEXT, PMBUSIndex, Into(pData, 1), SlaveAddr,
+               CommandCodeExt, CommandCode, PEC);
 }
 
 int32_t PMBus_WriteWordExt(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                            uint8_t CommandCodeExt, uint8_t CommandCode, uint16_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_WRITEWORDEXT);
-    extended(request, PMBUSIndex, SlaveAddr, CommandCodeExt, CommandCode).be16(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_WRITEWORDEXT, PMBUSIndex, {}, SlaveAddr, CommandCodeExt,
+               CommandCode, Word{Data}, PEC);
 }
 
 int32_t PMBus_ReadWordExt(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                           uint8_t CommandCodeExt, uint8_t CommandCode, uint16_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_READWORDEXT);
-    extended(request, PMBUSIndex, SlaveAddr, CommandCodeExt, CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, limits::kWordSize));
+    return run(DevType, DevIndex, MSG_KD_PMBUS_READWORDEXT, PMBUSIndex, Into(pData, limits::kWordSize),
+               SlaveAddr, CommandCodeExt, CommandCode, PEC);
 }
 
-// The PEC flag goes before the data bytes here (intended), as in the SMBus block write.
+// At most 32 data bytes: more is -4 before anything goes out (the SMBus family has no limit).
 int32_t PMBus_BlockWrite(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                          uint8_t CommandCode, uint8_t* pData, uint8_t ByteCount, uint8_t PEC) {
-    if (const int32_t r = check_block(DevType, DevIndex, ByteCount); r != 0) return r;
-    Request request(MSG_KD_PMBUS_BLOCKWRITE);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(ByteCount).u8(PEC).bytes(pData, ByteCount);
-    return transact(DevIndex, request);
+    return smbus::run_block(DevType, DevIndex, MSG_KD_PMBUS_BLOCKWRITE, PMBUSIndex, SlaveAddr, CommandCode,
+                            Block{pData, ByteCount}, PEC, pmbus::kBlockMax);
 }
 
 int32_t PMBus_BlockRead(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                         uint8_t CommandCode, uint8_t* pData, uint8_t* pByteCount, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_PMBUS_BLOCKREAD);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, limits::kBlockMax), pByteCount);
+    return run(DevType, DevIndex, MSG_KD_PMBUS_BLOCKREAD, PMBUSIndex,
+               Into(pData, limits::kBlockMax, pByteCount), SlaveAddr, CommandCode, PEC);
 }
 
 int32_t PMBus_BlockProcessCall(int32_t DevType, int32_t DevIndex, int32_t PMBUSIndex, uint8_t SlaveAddr,
                                uint8_t CommandCode, uint8_t* pWriteData, uint8_t WriteByteCount,
                                uint8_t* pReadData, uint8_t* pReadByteCount, uint8_t PEC) {
-    if (const int32_t r = check_block(DevType, DevIndex, WriteByteCount); r != 0) return r;
-    Request request(MSG_KD_PMBUS_BLOCKPROCESSCALL);
-    command(request, PMBUSIndex, SlaveAddr, CommandCode)
-        .u8(WriteByteCount)
-        .u8(PEC)
-        .bytes(pWriteData, WriteByteCount);
-    return transact(DevIndex, request, into(pReadData, limits::kBlockMax), pReadByteCount);
+    return smbus::run_block(DevType, DevIndex, MSG_KD_PMBUS_BLOCKPROCESSCALL, PMBUSIndex, SlaveAddr,
+                            CommandCode, Block{pWriteData, WriteByteCount}, PEC, pmbus::kBlockMax,
+                            Into(pReadData, limits::kBlockMax, pReadByteCount));
 }
 
 // Channel, entry count and PEC flag, then the entries as given (count, address, command code, data).

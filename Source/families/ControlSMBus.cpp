@@ -8,10 +8,10 @@
 #include "smbus_exchange.h"
 
 using namespace corvel;
-using smbus::channel;
-using smbus::check;
-using smbus::into;
-using smbus::transact;
+using smbus::Block;
+using smbus::Into;
+using smbus::run;
+using smbus::Word;
 namespace limits = corvel::proto::smbus;
 
 // ---- Device management: the I2C family's own functions ------------------------------------------
@@ -37,100 +37,70 @@ int32_t SMBus_HardInit(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, ui
 
 // The address byte's bit 0 is the R/W bit the command carries.
 int32_t SMBus_QuickCommand(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_QUICKCOMMAND);
-    channel(request, SMBUSIndex).u8(SlaveAddr);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_SMBUS_QUICKCOMMAND, SMBUSIndex, {}, SlaveAddr);
 }
 
 int32_t SMBus_WriteByte(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                         uint8_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_WRITEBYTE);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_SMBUS_WRITEBYTE, SMBUSIndex, {}, SlaveAddr, Data, PEC);
 }
 
 int32_t SMBus_ReadByte(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                        uint8_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_READBYTE);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(PEC);
-    return transact(DevIndex, request, into(pData, 1));
+    return run(DevType, DevIndex, MSG_KD_SMBUS_READBYTE, SMBUSIndex, Into(pData, 1), SlaveAddr, PEC);
 }
 
 int32_t SMBus_WriteByteProtocol(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                                 uint8_t CommandCode, uint8_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_WRITEBYTEPROTOCOL);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).u8(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_SMBUS_WRITEBYTEPROTOCOL, SMBUSIndex, {}, SlaveAddr, CommandCode,
+               Data, PEC);
 }
 
 int32_t SMBus_WriteWordProtocol(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                                 uint8_t CommandCode, uint16_t Data, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_WRITEWORDPROTOCOL);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).be16(Data).u8(PEC);
-    return transact(DevIndex, request);
+    return run(DevType, DevIndex, MSG_KD_SMBUS_WRITEWORDPROTOCOL, SMBUSIndex, {}, SlaveAddr, CommandCode,
+               Word{Data}, PEC);
 }
 
 int32_t SMBus_ReadByteProtocol(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                                uint8_t CommandCode, uint8_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_READBYTEPROTOCOL);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, 1));
+    return run(DevType, DevIndex, MSG_KD_SMBUS_READBYTEPROTOCOL, SMBUSIndex, Into(pData, 1), SlaveAddr,
+               CommandCode, PEC);
 }
 
 // The word's two bytes are stored as the bus carried them (low byte first).
 int32_t SMBus_ReadWordProtocol(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                                uint8_t CommandCode, uint16_t* pData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_READWORDPROTOCOL);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, limits::kWordSize));
+    return run(DevType, DevIndex, MSG_KD_SMBUS_READWORDPROTOCOL, SMBUSIndex, Into(pData, limits::kWordSize),
+               SlaveAddr, CommandCode, PEC);
 }
 
 int32_t SMBus_ProcessCall(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                           uint8_t CommandCode, uint16_t WriteData, uint16_t* pReadData, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_PROCESSCALL);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).be16(WriteData).u8(PEC);
-    return transact(DevIndex, request, into(pReadData, limits::kWordSize));
+    return run(DevType, DevIndex, MSG_KD_SMBUS_PROCESSCALL, SMBUSIndex, Into(pReadData, limits::kWordSize),
+               SlaveAddr, CommandCode, Word{WriteData}, PEC);
 }
 
-// The PEC flag goes before the data bytes here (intended). ByteCount is not limited: up to 255 data
-// bytes go out, and the adapter judges the count.
+// ByteCount is not limited here: up to 255 data bytes go out, and the adapter judges the count.
 int32_t SMBus_BlockWrite(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                          uint8_t CommandCode, uint8_t* pData, uint8_t ByteCount, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_BLOCKWRITE);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).u8(ByteCount).u8(PEC).bytes(pData, ByteCount);
-    return transact(DevIndex, request);
+    return smbus::run_block(DevType, DevIndex, MSG_KD_SMBUS_BLOCKWRITE, SMBUSIndex, SlaveAddr, CommandCode,
+                            Block{pData, ByteCount}, PEC, std::nullopt);
 }
 
 int32_t SMBus_BlockRead(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                         uint8_t CommandCode, uint8_t* pData, uint8_t* pByteCount, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_BLOCKREAD);
-    channel(request, SMBUSIndex).u8(SlaveAddr).u8(CommandCode).u8(PEC);
-    return transact(DevIndex, request, into(pData, limits::kBlockMax), pByteCount);
+    return run(DevType, DevIndex, MSG_KD_SMBUS_BLOCKREAD, SMBUSIndex,
+               Into(pData, limits::kBlockMax, pByteCount), SlaveAddr, CommandCode, PEC);
 }
 
-// As the block write, PEC before the data; the block that comes back is read as the block read's.
+// As the block write; the block that comes back is read as the block read's.
 int32_t SMBus_BlockProcessCall(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t SlaveAddr,
                                uint8_t CommandCode, uint8_t* pWriteData, uint8_t WriteByteCount,
                                uint8_t* pReadData, uint8_t* pReadByteCount, uint8_t PEC) {
-    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
-    Request request(MSG_KD_SMBUS_BLOCKPROCESSCALL);
-    channel(request, SMBUSIndex)
-        .u8(SlaveAddr)
-        .u8(CommandCode)
-        .u8(WriteByteCount)
-        .u8(PEC)
-        .bytes(pWriteData, WriteByteCount);
-    return transact(DevIndex, request, into(pReadData, limits::kBlockMax), pReadByteCount);
+    return smbus::run_block(DevType, DevIndex, MSG_KD_SMBUS_BLOCKPROCESSCALL, SMBUSIndex, SlaveAddr,
+                            CommandCode, Block{pWriteData, WriteByteCount}, PEC, std::nullopt,
+                            Into(pReadData, limits::kBlockMax, pReadByteCount));
 }
 
 int32_t SMBus_GetAlert(int32_t DevType, int32_t DevIndex, int32_t SMBUSIndex, uint8_t* pAlertFlag) {

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "family.h"
@@ -35,11 +36,6 @@ inline proto::Writer& channel(Request& request, int32_t index) {
     return request.payload().u8(static_cast<uint32_t>(index));
 }
 
-// A caller's buffer as the reply's destination: `n` bytes, or none when the pointer is null.
-inline std::span<uint8_t> into(void* data, std::size_t n) {
-    return data ? std::span(static_cast<uint8_t*>(data), n) : std::span<uint8_t>{};
-}
-
 // Sends the request and reads its one reply frame (up to 512 bytes, 100 ms a try). At most
 // out.size() payload bytes are stored in `out`, never more than arrived. Returns the reply's status
 // byte (0 to 255), -5 when the request did not go out, -6 when no reply, or less than its 7-byte
@@ -58,6 +54,66 @@ inline int32_t transact(int32_t dev, Request& request, std::span<uint8_t> out = 
                                                       : static_cast<int32_t>(request.payload().size()));
     if (r != KD_SUCCESS) return r;
     return static_cast<int32_t>(static_cast<uint8_t>(answer.status));
+}
+
+// Where a reply's payload goes: `n` bytes of a caller's buffer (none when the pointer is null),
+// and for the block reads the byte count (see transact).
+struct Into {
+    Into() = default;
+    Into(void* data, std::size_t n, uint8_t* count_out = nullptr)
+        : bytes(data ? std::span(static_cast<uint8_t*>(data), n) : std::span<uint8_t>{}), count(count_out) {}
+    std::span<uint8_t> bytes;
+    uint8_t* count = nullptr;
+};
+
+// A 16-bit field of a request, written big-endian.
+struct Word {
+    uint16_t value;
+};
+
+inline void put(proto::Writer& out, uint8_t byte) {
+    out.u8(byte);
+}
+inline void put(proto::Writer& out, Word word) {
+    out.be16(word.value);
+}
+
+// Every transaction but the block writes: the type and connection checks, then message `code` with
+// the channel and `fields` in order (bytes, and Words big-endian), and the reply's payload stored
+// as `reply` says. Returns transact's result.
+template <typename... Field>
+int32_t run(int32_t DevType, int32_t DevIndex, int32_t code, int32_t index, Into reply, Field... fields) {
+    if (const int32_t r = check(DevType, DevIndex); r != 0) return r;
+    Request request(code);
+    proto::Writer& out = channel(request, index);
+    (put(out, fields), ...);
+    return transact(DevIndex, request, reply.bytes, reply.count);
+}
+
+// The data a block write carries.
+struct Block {
+    const uint8_t* data;
+    uint8_t count;
+};
+
+// Block Write and Block Process Call: address, command code, byte count and PEC flag, then the
+// data bytes (the PEC flag before the data: intended). A count above `limit`, when there is one, is
+// -4 after the connection check and before anything goes out.
+inline int32_t run_block(int32_t DevType, int32_t DevIndex, int32_t code, int32_t index, uint8_t SlaveAddr,
+                         uint8_t CommandCode, Block block, uint8_t PEC, std::optional<std::size_t> limit,
+                         Into reply = {}) {
+    if (const int32_t r =
+            Check(kFamily, DevType, DevIndex).require(!limit || block.count <= *limit, KD_ERR_DATA_FORMAT);
+        r != 0)
+        return r;
+    Request request(code);
+    channel(request, index)
+        .u8(SlaveAddr)
+        .u8(CommandCode)
+        .u8(block.count)
+        .u8(PEC)
+        .bytes(block.data, block.count);
+    return transact(DevIndex, request, reply.bytes, reply.count);
 }
 
 // The alert query: the status byte is the state of the channel's SMBALERT# line, stored in *flag;
