@@ -4,18 +4,22 @@
 
 #include "firmware/board_engine.hpp"
 #include "firmware/can_engine.hpp"
+#include "firmware/easyscale_engine.hpp"
 #include "firmware/engine.hpp"
 #include "firmware/i2c_engine.hpp"
 #include "firmware/io_engine.hpp"
+#include "firmware/onewire_engine.hpp"
+#include "firmware/sdi12_engine.hpp"
 #include "firmware/spi_engine.hpp"
 
 namespace corvel::sim::fw {
 
 std::span<const EngineEntry> engine_table() {
     static constexpr std::array kEngines{
-        EngineEntry{"board", &make_board_engine}, EngineEntry{"i2c", &make_i2c_engine},
-        EngineEntry{"spi", &make_spi_engine},     EngineEntry{"can", &make_can_engine},
-        EngineEntry{"io", &make_io_engine},
+        EngineEntry{"board", &make_board_engine},     EngineEntry{"i2c", &make_i2c_engine},
+        EngineEntry{"spi", &make_spi_engine},         EngineEntry{"can", &make_can_engine},
+        EngineEntry{"io", &make_io_engine},           EngineEntry{"sdi12", &make_sdi12_engine},
+        EngineEntry{"onewire", &make_onewire_engine}, EngineEntry{"easyscale", &make_easyscale_engine},
     };
     return kEngines;
 }
