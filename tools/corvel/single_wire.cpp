@@ -62,39 +62,45 @@ void check_command(const std::string& command) {
     }
 }
 
+// Sends one command; the sensor's line, without its CR LF, goes to `answer` (also when the
+// library reports its CRC as wrong).
+int32_t send_command(int32_t type, const Sdi12Args& a, const std::string& command, bool check_crc,
+                     std::string& answer) {
+    std::string text = command;  // the library takes a writable buffer
+    std::array<char, sdi::kLineBufferSize> reply{};
+    int32_t rc =
+        SDI_SendCmd(type, a.target.dev, static_cast<uint8_t>(a.port), reinterpret_cast<uint8_t*>(text.data()),
+                    reinterpret_cast<uint8_t*>(reply.data()), check_crc ? 1 : 0);
+    answer.assign(reply.data(), strnlen(reply.data(), reply.size()));
+    if (answer.ends_with("\r\n")) answer.resize(answer.size() - 2);
+    return rc;
+}
+
 int run_sdi12(const Sdi12Args& a) {
     return with_family_adapter(
         {SDI_ScanDevice, SDI_OpenDevice, SDI_CloseDevice}, a.target, [&](int32_t type) {
-            const int32_t dev = a.target.dev;
-            const auto port = static_cast<uint8_t>(a.port);
-            if (int32_t rc = SDI_InitSDI(type, dev, port); rc != 0) {
+            if (int32_t rc = SDI_InitSDI(type, a.target.dev, static_cast<uint8_t>(a.port)); rc != 0) {
                 return fail(fmt::format("set up SDI-12 port {}", a.port), rc);
             }
             for (std::size_t i = 0; i < a.commands.size(); ++i) {
-                std::string command = a.commands[i];  // the library takes a writable buffer
-                std::array<uint8_t, sdi::kLineBufferSize> reply{};
+                const std::string& command = a.commands[i];
                 const bool check_crc = a.crc && is_data_command(command);
-                int32_t rc = SDI_SendCmd(type, dev, port, reinterpret_cast<uint8_t*>(command.data()),
-                                         reply.data(), check_crc ? 1 : 0);
-                std::string answer(reinterpret_cast<const char*>(reply.data()),
-                                   strnlen(reinterpret_cast<const char*>(reply.data()), reply.size()));
-                if (answer.size() >= 2 && answer.compare(answer.size() - 2, 2, "\r\n") == 0)
-                    answer.resize(answer.size() - 2);
+                std::string answer;
+                int32_t rc = send_command(type, a, command, check_crc, answer);
                 // With the CRC checked, the library's "Device Not Available" after a line came means
                 // the line's CRC did not match its text.
                 if (rc == KD_ERR_DEVICE_NOT_AVAILABLE && check_crc && !answer.empty()) {
                     fmt::print("{}\n", answer);
                     std::fflush(stdout);
-                    return fail(fmt::format("{}: CRC mismatch in the answer \"{}\"", a.commands[i], answer));
+                    return fail(fmt::format("{}: CRC mismatch in the answer \"{}\"", command, answer));
                 }
                 if (rc == KD_ERR_EXECUTE_CMD) {
-                    return fail(
-                        fmt::format("{} on port {}: no sensor answered ({})", a.commands[i], a.port, rc));
+                    return fail(fmt::format("{} on port {}: no sensor answered ({})", command, a.port, rc));
                 }
-                if (rc != 0) return fail(fmt::format("{} on port {}", a.commands[i], a.port), rc);
+                if (rc != 0) return fail(fmt::format("{} on port {}", command, a.port), rc);
                 fmt::print("{}\n", answer);
                 if (check_crc) fmt::print("CRC ok\n");
-                auto measurement = measurement_answer(a.commands[i], answer);
+                auto measurement = measurement_answer(command, answer);
                 if (measurement && measurement->seconds > 0 && i + 1 < a.commands.size()) {
                     fmt::print("waiting {} s for {} value{}\n", measurement->seconds, measurement->values,
                                measurement->values == 1 ? "" : "s");
