@@ -105,8 +105,9 @@ class Transaction {
 
 }  // namespace
 
-I2cEngine::I2cEngine(Port& port) : port_(port) {
+I2cEngine::I2cEngine(Port& port) : port_(port), smbus_(*this, port) {
     attach_defaults();
+    smbus_.attach_configured();
 }
 
 I2cEngine::~I2cEngine() = default;
@@ -139,7 +140,14 @@ std::span<const Route> I2cEngine::routes() const {
                                           kWriteRefused),
         route<&I2cEngine::event_clear>(MSG_KD_EVENT_CLEAR, Sizes::exactly(kEventClearSize), kWriteRefused),
     };
-    return kRoutes;
+    // The SMBus unit's requests follow the I2C transfers'.
+    static const std::vector<Route> kAll = [] {
+        std::vector<Route> all(std::begin(kRoutes), std::end(kRoutes));
+        const auto smbus = Smbus::routes();
+        all.insert(all.end(), smbus.begin(), smbus.end());
+        return all;
+    }();
+    return kAll;
 }
 
 // ---- Channels
@@ -411,6 +419,14 @@ I2cTarget* I2cEngine::part(int index, I2cAddress address) {
     if (ch == nullptr) return nullptr;
     auto it = ch->parts.find(address);
     return it == ch->parts.end() ? nullptr : it->second.get();
+}
+
+std::vector<std::pair<I2cAddress, I2cTarget*>> I2cEngine::parts(int index) const {
+    std::vector<std::pair<I2cAddress, I2cTarget*>> out;
+    if (index < 0 || index >= kI2cChannels) return out;
+    for (const auto& [address, part] : channels_[static_cast<std::size_t>(index)].parts)
+        out.emplace_back(address, part.get());
+    return out;
 }
 
 bool I2cEngine::attach(int index, I2cAddress address, std::unique_ptr<I2cTarget> part) {

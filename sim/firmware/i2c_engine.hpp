@@ -13,6 +13,9 @@
 // Master mode 1 makes a channel a bus master (transfers), 0 a slave (it serves an external master,
 // played by the control API). A transfer on a channel not initialised in the needed mode fails like
 // a transfer nobody acknowledges.
+//
+// Channels 0 and 1 also carry the SMBus and PMBus transactions (firmware/smbus.hpp): the engine
+// owns that unit and answers its requests too, so both families reach the same parts.
 #pragma once
 
 #include <array>
@@ -27,6 +30,7 @@
 
 #include "corvel/sim_i2c.hpp"
 #include "firmware/engine.hpp"
+#include "firmware/smbus.hpp"
 #include "targets/i2c_target.hpp"
 
 namespace corvel::sim::fw {
@@ -60,6 +64,8 @@ class I2cEngine final : public Engine {
     const std::optional<std::array<uint16_t, kI2cTimingValues>>& timing() const { return timing_; }
 
     I2cTarget* part(int channel, I2cAddress address);
+    // The parts of a channel in address order; empty outside 0..20.
+    std::vector<std::pair<I2cAddress, I2cTarget*>> parts(int channel) const;
     // Puts a part on a channel, replacing what was at its address. An EEPROM keeps its contents
     // in the store "eeprom-ch<channel>-<address in hex>.bin" (10-bit: "eeprom-ch<c>-10bit-<hex>.bin").
     bool attach(int channel, I2cAddress address, std::unique_ptr<I2cTarget> part);
@@ -77,6 +83,9 @@ class I2cEngine final : public Engine {
     // Runs, in the order they arrived, the waiting pin-event transfers for this pin and type.
     void raise_pin_event(uint16_t pin, uint16_t type);
     std::size_t waiting_event_transfers() const { return waiting_.size(); }
+
+    // The SMBus and PMBus side of channels 0 and 1.
+    Smbus& smbus() { return smbus_; }
 
   private:
     struct Channel {
@@ -140,6 +149,7 @@ class I2cEngine final : public Engine {
     Bytes read_data_;  // what the last successful read collected, until fetched
     std::vector<EventTransfer> waiting_;
     uint64_t next_event_id_ = 0;
+    Smbus smbus_;
 };
 
 std::unique_ptr<Engine> make_i2c_engine(Port& port);

@@ -4,8 +4,9 @@
 //   "N"                      N default adapters (serials CV0000000001 ... ), 0 for none
 //   "k=v,k=v;k=v,..."        one adapter per ';'-separated entry, keys serial, type, vid, pid,
 //                            on the I2C and SPI types the pins' wiring, the ADC's signals and the
-//                            counters' sources (wire, adc0..7, cnt0..3), and on the CAN types the
-//                            bus and its nodes (bitrate, bus, echo, gen...)
+//                            counters' sources (wire, adc0..7, cnt0..3), on the I2C type the
+//                            PMBus supplies (psu), and on the CAN types the bus and its nodes
+//                            (bitrate, bus, echo, gen...)
 //
 // An entry's unspecified keys take the defaults of its position (the second entry's serial is
 // CV0000000002). "serial=-" means the adapter has no serial-number string.
@@ -158,10 +159,11 @@ struct CanKeys {
             if (!n) fail(position, quoted(key, value) + ": 0 to 0xFFFFFFFF");
             g.seed = static_cast<uint32_t>(*n);
         } else {
-            fail(position, "unknown key \"" + std::string(key) +
-                               "\" (serial, type, vid, pid; I2C and SPI: wire, adc0..adc7, cnt0..cnt3; CAN: "
-                               "bitrate, bus, echo, echo_bitrate, gen, "
-                               "gen_bus, gen_bitrate, gen_id, gen_ext, gen_dlc, gen_data, gen_seed)");
+            fail(position,
+                 "unknown key \"" + std::string(key) +
+                     "\" (serial, type, vid, pid; I2C and SPI: wire, adc0..adc7, cnt0..cnt3; I2C: psu; CAN: "
+                     "bitrate, bus, echo, echo_bitrate, gen, "
+                     "gen_bus, gen_bitrate, gen_id, gen_ext, gen_dlc, gen_data, gen_seed)");
         }
         given.emplace_back(key);
     }
@@ -320,6 +322,25 @@ struct IoKeys {
     }
 };
 
+// psu=none | ADDR[/ADDR...]: the PMBus supplies on SMBus channel 1 (type 1), 7-bit addresses from
+// 0x08 to 0x77 but the Alert Response Address 0x0C, each once.
+std::vector<uint8_t> supplies(std::size_t position, std::string_view value) {
+    std::vector<uint8_t> out;
+    if (value == "none") return out;
+    for (std::string_view rest = value;;) {
+        const auto slash = rest.find('/');
+        const auto addr = number(trim(rest.substr(0, slash)), 0x77);
+        if (!addr || *addr < 0x08 || *addr == 0x0C ||
+            std::find(out.begin(), out.end(), static_cast<uint8_t>(*addr)) != out.end())
+            fail(position, quoted("psu", value) +
+                               ": none or 7-bit addresses 0x08 to 0x77 (not 0x0C) joined by '/', each once");
+        out.push_back(static_cast<uint8_t>(*addr));
+        if (slash == std::string_view::npos) break;
+        rest.remove_prefix(slash + 1);
+    }
+    return out;
+}
+
 AdapterSpec default_adapter(std::size_t position) {
     AdapterSpec a;
     char serial[16];
@@ -361,6 +382,8 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
             (key == "vid" ? a.vendor : a.product) = static_cast<uint16_t>(*id);
         } else if (IoKeys::is_key(key)) {
             io.parse(position, key, value, a.io);
+        } else if (key == "psu") {
+            a.smbus.supplies = supplies(position, value);
         } else {
             can.parse(position, key, value, a.can);
         }
@@ -369,6 +392,8 @@ AdapterSpec parse_entry(std::string_view entry, std::size_t position) {
     }
     can.check(position, a);
     io.check(position, a);
+    if (a.personality != proto::kDevTypeI2c && std::find(seen.begin(), seen.end(), "psu") != seen.end())
+        fail(position, "psu needs the I2C type (type=1)");
     return a;
 }
 

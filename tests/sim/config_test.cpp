@@ -173,6 +173,18 @@ TEST(ParseConfig, IoKeys) {
     }
 }
 
+TEST(ParseConfig, PsuKey) {
+    const struct {
+        std::string text;
+        std::vector<uint8_t> supplies;
+    } cases[] = {
+        {"", {0x40, 0x41}}, {"psu=none", {}}, {"psu=0x42", {0x42}}, {"psu = 0x77/8/0x0D", {0x77, 8, 0x0D}}};
+    for (const auto& c : cases) EXPECT_EQ(parse_config(c.text).at(0).smbus.supplies, c.supplies) << c.text;
+    for (const char* text : {"psu=", "psu=0x0C", "psu=0x07", "psu=0x78", "psu=0x40/0x40", "psu=0x40/",
+                             "psu=a", "type=2,psu=none", "type=4,psu=0x40"})
+        EXPECT_THROW(parse_config(text), std::invalid_argument) << text;
+}
+
 // Runs in a child process started afresh, so that the environment is read at first use.
 TEST(StartUp, MalformedEnvironmentFallsBackToOneDefaultAdapter) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -116,6 +116,19 @@ inline std::array<CounterSource, 4> default_counter_sources() {
     return {{{K::Pwm, 0}, {K::Pwm, 1}, {K::Pwm, 2}, {K::Pwm, 3}}};
 }
 
+// The SMBus side of the I2C type (ignored on the others): the 7-bit addresses of the PMBus power
+// supplies on channel 1, by default 0x40 and 0x41.
+inline std::vector<uint8_t> default_supplies() {
+    std::vector<uint8_t> s;  // built a step at a time: g++ 12 misreads a two-byte initializer list here
+    s.push_back(0x40);
+    s.push_back(0x41);
+    return s;
+}
+
+struct SmbusSpec {
+    std::vector<uint8_t> supplies = default_supplies();
+};
+
 struct AdapterSpec {
     std::string serial = "CV0000000001";   // USB serial-number string
     bool has_serial = true;                // false: the device descriptor has no serial string
@@ -123,7 +136,8 @@ struct AdapterSpec {
     uint16_t vendor = proto::kVendorId;
     uint16_t product = proto::kProductId;
     CanSpec can;
-    IoSpec io;  // types 1 and 2
+    IoSpec io;        // types 1 and 2
+    SmbusSpec smbus;  // type 1
 
     // Only a device with the adapter's ids runs the firmware model; any other is a foreign device.
     bool runs_model() const { return vendor == proto::kVendorId && product == proto::kProductId; }
