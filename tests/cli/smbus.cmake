@@ -2,8 +2,8 @@
 #
 # The virtual bench's adapter 0 (I2C type) has an LM75-style sensor (25.0 C) and an EEPROM on
 # channel 0, and two PMBus supplies on channel 1 at 0x40 (12.000 V, 2.500 A, 35.0 C on page 0;
-# 5.000 V on page 1) and 0x41. Nothing of a supply's state outlives a corvel process, so a case
-# that switches a supply and reads its status is one run.
+# 5.000 V on page 1) and 0x41 (1.8 V on page 1: 1.801 V in LINEAR16). Nothing of a supply's state
+# outlives a corvel process, so a case that switches a supply and reads its status is one run.
 
 list(APPEND CORVEL_CLI_UNIT_TESTS bus_format_test.cpp)
 
@@ -31,11 +31,16 @@ corvel_cli_test(smbus.bus_out_of_range
 corvel_cli_test(pmbus.read_vout
   CHECK --out "^12\\.000 V$" --out-lines 1 --no-err -- ${CORVEL} --sim pmbus read vout)
 corvel_cli_test(pmbus.read_all_of_page_1_of_the_second_supply
-  CHECK --out "^vout 1\\.800 V$" --out "^iout 0\\.500 A$" --out "^temp 38\\.0 C$" --out-lines 3 --no-err
+  CHECK --out "^vout 1\\.801 V$" --out "^iout 0\\.500 A$" --out "^temp 38\\.0 C$" --out-lines 3 --no-err
         -- ${CORVEL} --sim pmbus -a 0x41 --page 1 read all)
 corvel_cli_test(pmbus.off_then_status_and_reading
   CHECK --out "^STATUS_WORD +0x[0-9a-f]{4} .*\\bOFF\\b.*$" --out "^0\\.000 V$" --no-err
         -- ${CORVEL} --sim pmbus off status read vout)
+# 14 V is above the supply's over-voltage limit (13.8 V): the fault latches the output off, shows
+# in STATUS_WORD and STATUS_VOUT, and asserts SMBALERT#, which the supply answers on the ARA.
+corvel_cli_test(pmbus.over_voltage_status_and_alert
+  CHECK --out "^STATUS_WORD +0x8860  VOUT POWER_GOOD# OFF VOUT_OV_FAULT$" --out "^STATUS_VOUT +0x80  VOUT_OV_FAULT$"
+        --out "^SMBALERT# asserted by 0x40$" --out-lines 4 --no-err -- ${CORVEL} --sim pmbus vout 14 status alert)
 corvel_cli_test(pmbus.status_of_a_running_supply
   CHECK --out "^STATUS_WORD +0x0000$" --out-lines 1 --no-err -- ${CORVEL} --sim pmbus status)
 corvel_cli_test(pmbus.vout_set_and_read_back
