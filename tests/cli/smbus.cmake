@@ -58,3 +58,5 @@ corvel_cli_test(corvel_sim.example_pmbus_monitor
   CHECK --out "^0x40 page 0: +12\\.000 V +2\\.500 A +35\\.0 C$" --out "^0x40 page 1: +5\\.000 V +1\\.250 A +33\\.0 C$"
         --out-lines 6 --no-err
         -- ${CORVEL_SIM_SCRIPT} $<TARGET_FILE:pmbus_monitor>)
+corvel_cli_test(pmbus.no_adapter_hint ENV CORVEL_SIM=0
+  CHECK --status 1 --err "^corvel: no adapter found$" -- ${CORVEL} --sim pmbus read vout)
