@@ -3,9 +3,8 @@
 //                     request and its 9-byte reply frame
 //   BM_Sdi12Command   SDI_SendCmd of "0D0!" after a measurement: the command with its parity bits,
 //                     the long reply with the sensor's line, under the process-wide lock
-// The virtual clock is on for both, as in `corvel --sim`: a reply the adapter model schedules
-// after bus time (an SDI-12 line takes tens of milliseconds at 1200 baud) comes at once, with
-// the virtual time moved on. What is measured is the library and the model. Reported:
+// The virtual clock is on for both, as in `corvel --sim`: the 1 s the measurement before the timed
+// commands takes passes in virtual time. What is measured is the library and the model. Reported:
 //   lib_ns/op   the process's CPU time less the virtual adapter's own (sim::cpu_time_ns), per
 //               operation: what the library (and this loop) cost
 //   sim_ns/op   the virtual adapter's CPU time per operation
