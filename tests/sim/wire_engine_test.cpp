@@ -184,17 +184,6 @@ TEST_F(OneWire, PresenceAnswersALongEnoughResetOnTheSensorsPin) {
     EXPECT_EQ(read(1), Bytes{0xFF});
 }
 
-TEST_F(OneWire, ReadRomGivesTheRomCode) {
-    ASSERT_EQ(init(), Bytes{70});
-    ASSERT_EQ(reset(), 0);
-    write({0x33});
-    EXPECT_EQ(read(9), kRomCode + Bytes{0xFF});
-    EXPECT_EQ(onewire_rom(0), (std::array<uint8_t, 8>{0x28, 0x43, 0x4F, 0x52, 0x56, 0x45, 0x4C, 0x40}));
-    ASSERT_EQ(reset(), 0);
-    write({0x55, 0x28, 0x43, 0x4F, 0x52, 0x56, 0x45, 0x4C, 0x41, 0xBE});  // another ROM: it falls silent
-    EXPECT_EQ(read(2), (Bytes{0xFF, 0xFF}));
-}
-
 TEST_F(OneWire, ConversionTakesItsTimeAndFillsTheScratchpad) {
     ASSERT_EQ(init(), Bytes{70});
     ASSERT_EQ(reset(), 0);
@@ -266,24 +255,12 @@ class EasyScale : public SimTest {
     }
 };
 
-TEST_F(EasyScale, InitKeepsTheTimings) {
+TEST_F(EasyScale, TheDriverTakesItsCommandsAndAcknowledgesWhenAsked) {
     EXPECT_EQ(init(2), Bytes{59});
     EXPECT_EQ(ask(3328, Bytes(27, 0)), Bytes{59});
-    EXPECT_EQ(command(0, 0x72, 0x05), Bytes{61});
-    EXPECT_EQ(init(1), Bytes{58});
-    const EasyScaleChannelState c = easyscale_channel(0, 1);
-    EXPECT_TRUE(c.initialised);
-    EXPECT_EQ(c.init_pin, 1);
-    EXPECT_EQ(c.timings.es_delay, 100);
-    EXPECT_EQ(c.timings.high_bit_high, 20);
-    EXPECT_EQ(c.timings.low_bit_low, 20);
-    EXPECT_EQ(c.timings.val_ack, 5);
-    EXPECT_EQ(c.timings.shutdown, 0x0A0B);
-    EXPECT_FALSE(easyscale_channel(0, 0).initialised);
-}
-
-TEST_F(EasyScale, TheDriverTakesItsCommandsAndAcknowledgesWhenAsked) {
+    EXPECT_EQ(command(0, 0x72, 0x05), Bytes{61});  // not initialised
     ASSERT_EQ(init(0), Bytes{58});
+    EXPECT_EQ(easyscale_channel(0, 0).timings.shutdown, 0x0A0B);
     ASSERT_EQ(init(1), Bytes{58});
     const struct {
         uint8_t channel, address, data;
