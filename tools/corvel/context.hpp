@@ -29,5 +29,7 @@ void add_can_commands(CLI::App& app, Context& ctx);
 void add_gpio_commands(CLI::App& app, Context& ctx);
 void add_adc_commands(CLI::App& app, Context& ctx);
 void add_pwm_counter_commands(CLI::App& app, Context& ctx);
+void add_smbus_commands(CLI::App& app, Context& ctx);        // smbus and pmbus
+void add_single_wire_commands(CLI::App& app, Context& ctx);  // sdi12, onewire and easyscale
 
 }  // namespace corvel::cli

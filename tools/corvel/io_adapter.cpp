@@ -15,12 +15,6 @@
 namespace corvel::cli {
 namespace {
 
-struct FamilyCalls {
-    int32_t (*scan)(uint8_t);
-    int32_t (*open)(int32_t, int32_t, int32_t);
-    int32_t (*close)(int32_t, int32_t);
-};
-
 FamilyCalls calls_of(IoFamily family) {
     switch (family) {
         case IoFamily::gpio:
@@ -48,7 +42,11 @@ int32_t type_of(int32_t dev) {
 }  // namespace
 
 int with_io_adapter(IoFamily family, const IoTarget& target, const std::function<int(int32_t type)>& body) {
-    FamilyCalls calls = calls_of(family);
+    return with_family_adapter(calls_of(family), target, body);
+}
+
+int with_family_adapter(const FamilyCalls& calls, const IoTarget& target,
+                        const std::function<int(int32_t type)>& body) {
     if (calls.scan(1) <= 0) return fail_no_adapter();
     int32_t type = target.type != 0 ? target.type : type_of(target.dev);
     if (int32_t rc = calls.open(type, target.dev, 0); rc != 0) return fail_open(target.dev, rc);

@@ -22,10 +22,19 @@ struct IoTarget {
     int32_t type = 0;  // 1 I2C, 2 SPI; 0: the type the adapter's product name tells
 };
 
+// A family's scan, open and close functions.
+struct FamilyCalls {
+    int32_t (*scan)(uint8_t);
+    int32_t (*open)(int32_t, int32_t, int32_t);
+    int32_t (*close)(int32_t, int32_t);
+};
+
 // Scans with the family's scan function, settles the device type, opens the adapter with the
 // family's open function, runs `body` with the type and closes the adapter again. No adapter, a
 // failed open or close: an error line (with the --sim hint where it helps). Returns the body's
 // exit status, or kExitFailure.
+int with_family_adapter(const FamilyCalls& calls, const IoTarget& target,
+                        const std::function<int(int32_t type)>& body);
 int with_io_adapter(IoFamily family, const IoTarget& target, const std::function<int(int32_t type)>& body);
 
 // A command group whose subcommands are actions run one after another in one process, on one open

@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
     add_gpio_commands(app, ctx);
     add_adc_commands(app, ctx);
     add_pwm_counter_commands(app, ctx);
+    add_smbus_commands(app, ctx);
+    add_single_wire_commands(app, ctx);
     app.footer("Run any other program on the virtual adapter with: corvel-sim PROGRAM [ARGS...]");
 
     try {
