@@ -19,20 +19,16 @@
 #include "ControlSDI.h"
 #include "corvel/protocol.hpp"
 #include "corvel/sim.hpp"
+#include "cpu_share.hpp"
 
 namespace {
 
 namespace sim = corvel::sim;
+using corvel::bench::CpuShare;
 
 constexpr int32_t kType = KD_DEVTYPE_I2C;
 constexpr uint8_t kSupply = 0x40 << 1;
 constexpr uint8_t kReadVout = 0x8B;
-
-uint64_t process_cpu_ns() {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return static_cast<uint64_t>(t.tv_sec) * 1000000000ULL + static_cast<uint64_t>(t.tv_nsec);
-}
 
 void one_i2c_adapter() {
     sim::virtual_clock(true);
@@ -42,22 +38,6 @@ void one_i2c_adapter() {
     adapter.personality = corvel::proto::kDevTypeI2c;
     sim::configure({adapter});
 }
-
-// Splits the CPU time of the timed loop between the library and the virtual adapter.
-class CpuShare {
-  public:
-    void report(benchmark::State& state) const {
-        const double ops = static_cast<double>(state.iterations());
-        const double cpu = static_cast<double>(process_cpu_ns() - cpu_start_);
-        const double model = static_cast<double>(sim::cpu_time_ns() - sim_start_);
-        state.counters["lib_ns/op"] = (cpu - model) / ops;
-        state.counters["sim_ns/op"] = model / ops;
-    }
-
-  private:
-    uint64_t cpu_start_ = process_cpu_ns();
-    uint64_t sim_start_ = sim::cpu_time_ns();
-};
 
 void BM_PmbusReadVout(benchmark::State& state) {
     one_i2c_adapter();

@@ -25,11 +25,13 @@
 
 #include "ControlCAN.h"
 #include "corvel/sim.hpp"
+#include "cpu_share.hpp"
 #include "corvel/sim_can.hpp"
 
 namespace {
 
 namespace sim = corvel::sim;
+using corvel::bench::process_cpu_ns;
 
 constexpr uint32_t kType = VCI_USBCAN2;
 constexpr uint32_t kBitRate = 1000000;
@@ -38,12 +40,6 @@ constexpr uint32_t kExtendedRate = 7600;
 constexpr uint64_t kBusTimeUs = 10000000;
 constexpr useconds_t kDrainPeriodUs = 10000;
 constexpr int kSettlePasses = 500;  // at most, after the generator stops, for the FIFOs to empty
-
-uint64_t process_cpu_ns() {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return static_cast<uint64_t>(t.tv_sec) * 1000000000u + static_cast<uint64_t>(t.tv_nsec);
-}
 
 // Bus time since `start`: the virtual clock's while it is on, else the steady clock's.
 class BusClock {

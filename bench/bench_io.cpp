@@ -16,18 +16,14 @@
 #include "ControlGPIO.h"
 #include "corvel/protocol.hpp"
 #include "corvel/sim.hpp"
+#include "cpu_share.hpp"
 
 namespace {
 
 namespace sim = corvel::sim;
+using corvel::bench::CpuShare;
 
 constexpr int32_t kType = KD_DEVTYPE_I2C;
-
-uint64_t process_cpu_ns() {
-    timespec t{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-    return static_cast<uint64_t>(t.tv_sec) * 1000000000ULL + static_cast<uint64_t>(t.tv_nsec);
-}
 
 bool open_bench() {
     sim::virtual_clock(false);
@@ -38,22 +34,6 @@ bool open_bench() {
     sim::configure({adapter});
     return KGI_ScanDevice(1) > 0 && KGI_OpenDevice(kType, 0, 0) == 0;
 }
-
-// Splits the CPU time of the timed loop between the library and the virtual adapter.
-class CpuShare {
-  public:
-    void report(benchmark::State& state) const {
-        const double ops = static_cast<double>(state.iterations());
-        const double cpu = static_cast<double>(process_cpu_ns() - cpu_start_);
-        const double model = static_cast<double>(sim::cpu_time_ns() - sim_start_);
-        state.counters["lib_ns/op"] = (cpu - model) / ops;
-        state.counters["sim_ns/op"] = model / ops;
-    }
-
-  private:
-    uint64_t cpu_start_ = process_cpu_ns();
-    uint64_t sim_start_ = sim::cpu_time_ns();
-};
 
 void BM_AdcRead(benchmark::State& state) {
     const auto channels = static_cast<std::size_t>(state.range(0));
