@@ -113,14 +113,17 @@ uint8_t USB_SendMsg(int32_t dev, S_MSG* msg) {
 
 namespace {
 
-// Reads exactly `want` bytes (header included) into the thread's packet buffer; the header then
-// fills message, status and size, and the payload copy is bounded by the announced size, by what
-// arrived and by `capacity`. Anything but exactly `want` bytes fails.
+// Reads exactly `want` bytes (header included) into one of the thread's buffers: the packet buffer,
+// or the long-reply buffer for a reply that does not fit a packet (the text interface's long I2C
+// reads). The header then fills message, status and size, and the payload copy is bounded by the
+// announced size, by what arrived and by `capacity`. Anything but exactly `want` bytes fails.
 uint8_t receive_packet(int32_t dev, S_MSG* msg, int64_t want, int timeout_ms, std::size_t capacity) {
     Buffers* b = buffers();
     if (b == nullptr) return fail_receive(msg);
-    auto& packet = b->packet;
-    packet.fill(0);
+    const bool fits_packet = want <= static_cast<int64_t>(b->packet.size());
+    std::span<uint8_t> packet =
+        fits_packet ? std::span<uint8_t>(b->packet) : std::span<uint8_t>(b->long_reply);
+    if (fits_packet) b->packet.fill(0);
     if (want < static_cast<int64_t>(proto::kReplyHeaderSize) || want > static_cast<int64_t>(packet.size()))
         return fail_receive(msg);
     const int32_t n = read(dev, packet.data(), static_cast<int32_t>(want), timeout_ms, ReadMode::Retrying);

@@ -27,7 +27,9 @@ uint8_t USB_SendMsg(int32_t dev, S_MSG* msg);
 uint8_t USB_GetMsg(int32_t dev, S_MSG* msg, std::size_t capacity = corvel::proto::kPacketPayloadMax);
 
 // Receives exactly msg->size + 7 bytes (1000 ms); the header then overwrites message, status and
-// size. Copies at most what arrived, `capacity` and 505 bytes.
+// size. Copies at most what arrived (and announced) and `capacity` bytes. A reply longer than one
+// packet (up to 102793 payload bytes) is received whole: only a caller that passes a larger
+// capacity than the default takes more than 505 bytes of it.
 uint8_t USB_GetMsgWithSize(int32_t dev, S_MSG* msg, std::size_t capacity = corvel::proto::kPacketPayloadMax);
 
 // Receives a 7-byte header and then exactly the announced payload (1000 ms each).

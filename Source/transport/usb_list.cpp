@@ -294,6 +294,12 @@ bool close_dev(int32_t devNum) {
     return r == 0;
 }
 
+bool is_open_dev(int32_t devNum) {
+    std::shared_lock guard(list_guard);
+    const kd_list* node = list_post(devNum);
+    return node != nullptr && node->pDevHandle != nullptr && !node->handle_closed;
+}
+
 BoardHandle::BoardHandle(usb_dev_handle* handle, bool closed) : handle_(handle), closed_(closed) {}
 
 BoardHandle::~BoardHandle() {

@@ -51,6 +51,8 @@ int32_t scan_dev();
 bool open_dev(int32_t devNum);
 bool check_dev(int32_t devNum);
 bool close_dev(int32_t devNum);
+// Whether the list holds a node for devNum with a handle the library has not closed.
+bool is_open_dev(int32_t devNum);
 
 // A handle the raw layer transfers on, copied out of the list under its guard. While a lease is
 // held the handle stays open: a close by another thread (a rescan, a connection test, a board

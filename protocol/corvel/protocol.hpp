@@ -222,6 +222,50 @@ inline constexpr int kSubAddrShift = 5;         // sub-address in bits 6-5,
 inline constexpr uint8_t kDataMask = 0x1F;      // value in bits 4-0
 }  // namespace easyscale
 
+namespace usart {
+inline constexpr int kChannels = 2;              // port 0 (the default device) and port 1
+inline constexpr std::size_t kInitSize = 10;     // baud (4), stop, word, parity (low bytes), mode (2), port
+inline constexpr std::size_t kTextPacket = 510;  // the text layer cuts long writes into packets of this size
+inline constexpr std::size_t kWritePacketMax = 512;  // the largest packet the write message carries
+inline constexpr std::size_t kReadReplyMax = kPacketPayloadMax;  // bytes one read reply delivers
+inline constexpr std::size_t kReceiveBuffer = 4096;  // what the adapter holds for the host per port
+// Line settings as the adapter's configuration takes them (the write sends only the low byte of the
+// stop bits, word length and parity: 0 there is 1 stop bit, 8 data bits, no parity).
+inline constexpr uint16_t kModeRx = 0x0004;
+inline constexpr uint16_t kModeTx = 0x0008;
+}  // namespace usart
+
+// The text interface's buffers: what each command copies its input into, and how many fields it
+// takes before it calls the input too long.
+namespace text {
+inline constexpr std::size_t kParamInput = 512;  // commands that take only parameters
+inline constexpr std::size_t kParamFields = 64;  // their field table
+inline constexpr int32_t kMaxDeviceCount = 100;  // KDIF_USB_EnumBoard's limit
+inline constexpr int32_t kSelectMax = 99;        // SelectDevice clamps here
+inline constexpr std::size_t kLockFlags = 20;    // KDIF_OpenDevice's per-device flags
+inline constexpr std::size_t kI2cWriteInput = 514100;
+inline constexpr std::size_t kI2cWriteFields = 102900;
+inline constexpr std::size_t kI2cWriteFieldsFail = 102801;  // this many fields or more: too many
+inline constexpr std::size_t kI2cSendBuffer = 102810;
+inline constexpr std::size_t kI2cReadInput = 200;
+inline constexpr std::size_t kI2cReadFieldsFail = 5;
+inline constexpr std::size_t kI2cReadBuffer = 102800;     // readDataBuff
+inline constexpr std::size_t kI2cCollect = 102810;        // one read's collection buffer
+inline constexpr std::size_t kI2cReplyFull = 506;         // a reply this long means more may follow
+inline constexpr std::size_t kSmallBuffer = 64;           // send and receive texts of the short commands
+inline constexpr std::size_t kSpiDataMax = 102800;        // data bytes of a write, bytes of a read
+inline constexpr std::size_t kSpiBitPacket = 512;         // raw packets of the bit reads
+inline constexpr std::size_t kSpiWriteReadBitsMax = 512;  // SPI_WriteReadBits takes dataLenght below 513
+inline constexpr std::size_t kGpioInput = 64;
+inline constexpr std::size_t kAdcPacket = 512;
+inline constexpr std::size_t kAdcCollect = 8192;  // one read's samples: 4096
+inline constexpr std::size_t kUsartWriteInput = 102500;
+inline constexpr std::size_t kUsartWriteFields = 20580;
+inline constexpr std::size_t kUsartWriteFieldsFail = 20481;
+inline constexpr std::size_t kUsartSendBuffer = 20490;
+inline constexpr std::size_t kUsartInitFieldsFail = 8;
+}  // namespace text
+
 namespace can {
 // Channels are numbered 1 and 2 on the wire (CAN index 0 and 1 in the ControlCAN-style interface).
 inline constexpr uint8_t kChannel1 = 1;
