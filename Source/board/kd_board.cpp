@@ -46,6 +46,18 @@ int32_t KD_CloseBoard(int32_t nBoardID) {
     return ok ? KD_SUCCESS : KD_ERR_CLOSE_DEVICE;
 }
 
+void ensure_enumerated() {
+    if (!usb_init_flag) KD_EnumBoard(1);
+}
+
+bool open_board_locked(int32_t devNum) {
+    return open_dev(devNum);
+}
+
+bool board_is_open(int32_t devNum) {
+    return is_open_dev(devNum);
+}
+
 bool DeviceIsConnected(int devNum) {
     if (!usb_init_flag) KD_EnumBoard(1);
     lock(devNum);

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "corvel/protocol.hpp"
-#include "usb_list.h"
+#include "kd_board.h"
 
 namespace corvel::text {
 
@@ -85,7 +85,7 @@ Writer& Writer::hex_list(std::span<const uint8_t> bytes) {
 }
 
 bool device_is_open(int32_t index) {
-    return is_open_dev(index);
+    return board_is_open(index);
 }
 
 int32_t parse_selection(char* in, char* out, int32_t& index) {
