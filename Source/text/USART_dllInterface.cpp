@@ -47,7 +47,7 @@ int32_t KDIF_USART_Init(char* in, char* out) {
     if (in == nullptr || out == nullptr) return -1;
     bool copied = false;
     const text::Fields fields =
-        text::split_copy(in, init_input, init_table, tx::kUsartInitFieldsFail, copied);
+        text::split_copy(in, init_input, init_table, tx::kUsartInitFieldsFail - 1, copied);
     if (const int32_t refused = text::judge(copied, fields, 6, kInitRefusal, out); refused != 0)
         return refused;
     USART_InitTypeDef& line = USART_Data.USART_InitData;
@@ -68,7 +68,7 @@ int32_t KDIF_USART_WriteData(char* in, char* out) {
     if (in == nullptr || out == nullptr) return -1;
     bool copied = false;
     const text::Fields fields =
-        text::split_copy(in, write_input, write_table, tx::kUsartWriteFieldsFail, copied);
+        text::split_copy(in, write_input, write_table, tx::kUsartWriteFieldsFail - 1, copied);
     if (const int32_t refused = text::judge(copied, fields, 1, kWriteRefusal, out); refused != 0)
         return refused;
     const std::size_t n = fields.count();

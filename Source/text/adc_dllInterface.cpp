@@ -64,7 +64,7 @@ int32_t KDIF_ADC_Init(char* in, char* out) {
     ADC_Data.p_sendDataBuff = send_buffer.data();
     ADC_Data.p_getDataBuff = receive_buffer.data();
     if (in == nullptr || out == nullptr) return -1;
-    const text::Fields fields(in, table, 3);
+    const text::Fields fields(in, table, 2);
     if (const int32_t refused = text::judge(true, fields, 1, kRefusal, out); refused != 0) return refused;
     ADC_Data.adcInitInfo.Channel = static_cast<uint8_t>(fields.number(0));
     if (ADC_Data.adcInitInfo.Channel == 0) {

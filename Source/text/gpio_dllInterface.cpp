@@ -24,13 +24,13 @@ void point_buffers() {
     GPIO_Data.p_getDataBuff = receive_buffer.data();
 }
 
-// Init and write: mask and data. `fail_at` is the field count that is already too many (init
-// ignores a third field, the write refuses it).
-int32_t set_pins(char* in, char* out, std::size_t fail_at, int (*driver)(GPIO_DATA*)) {
+// Init and write: mask and data. `most` is the most fields taken (init ignores a third field, the
+// write refuses it).
+int32_t set_pins(char* in, char* out, std::size_t most, int (*driver)(GPIO_DATA*)) {
     point_buffers();
     if (in == nullptr || out == nullptr) return -1;
     bool copied = false;
-    const text::Fields fields = text::split_copy(in, input, table, fail_at, copied);
+    const text::Fields fields = text::split_copy(in, input, table, most, copied);
     if (const int32_t refused = text::judge(copied, fields, 2, kRefusal, out); refused != 0) return refused;
     GPIO_Data.mask = static_cast<uint32_t>(fields.number(0));
     GPIO_Data.data = static_cast<uint32_t>(fields.number(1));
@@ -48,11 +48,11 @@ int32_t KDIF_GPIO_SelectDevice(char* in, char* out) {
 }
 
 int32_t KDIF_GPIO_Init(char* in, char* out) {
-    return set_pins(in, out, 4, GPIO_Init);
+    return set_pins(in, out, 3, GPIO_Init);
 }
 
 int32_t KDIF_GPIO_WriteData(char* in, char* out) {
-    return set_pins(in, out, 3, GPIO_WriteData);
+    return set_pins(in, out, 2, GPIO_WriteData);
 }
 
 // Intended: the levels are written on failure too, then those of the last successful read.
@@ -60,7 +60,7 @@ int32_t KDIF_GPIO_ReadData(char* in, char* out) {
     point_buffers();
     if (in == nullptr || out == nullptr) return -1;
     bool copied = false;
-    const text::Fields fields = text::split_copy(in, input, table, tx::kParamFields - 1, copied);
+    const text::Fields fields = text::split_copy(in, input, table, tx::kParamFields - 2, copied);
     if (const int32_t refused = text::judge(copied, fields, 1, kRefusal, out); refused != 0) return refused;
     GPIO_Data.mask = static_cast<uint32_t>(fields.number(0));
     const int result = GPIO_ReadData(&GPIO_Data);

@@ -22,8 +22,7 @@ Fields::Fields(char* text, std::span<char*> table, std::size_t limit) : table_(t
     while (true) {
         while (*p == '|') ++p;
         if (*p == '\0') break;
-        // This field would bring the count to the limit: the input has too many.
-        if (count_ + 1 >= limit) {
+        if (count_ >= limit) {
             too_many_ = true;
             break;
         }
@@ -114,7 +113,7 @@ bool device_is_open(int32_t index) {
 
 int32_t parse_selection(char* in, char* out, int32_t& index) {
     std::array<char*, 2> table{};
-    const Fields fields(in, table, 2);
+    const Fields fields(in, table, 1);
     if (fields.empty()) {
         put(out, "please input data!");
         return -3;

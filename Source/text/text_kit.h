@@ -30,14 +30,16 @@ bool copy_input(const char* in, std::span<char> buffer);
 
 // The fields of a text split in place on '|'. A field is a run of other characters; separators
 // that start, end or repeat produce no empty field. Pointers to the fields go into `table` in
-// order; `limit` is the field count that already fails: when the field that would bring the count
-// to it appears, the split stops and too_many() is true (a command whose table has N entries fails
-// from N-1 fields on, the last entry being reserved for the end mark).
+// order. `limit` is the most fields taken: when one more follows, the split stops and too_many()
+// is true (limit 4 takes "a|b|c|d" and refuses "a|b|c|d|e"). `table` holds at least `limit`
+// entries.
 class Fields {
   public:
+    Fields() = default;  // no fields yet; assign a split to it
     Fields(char* text, std::span<char*> table, std::size_t limit);
-    // The table's own limit: N entries fail from N-1 fields on.
-    Fields(char* text, std::span<char*> table) : Fields(text, table, table.size() - 1) {}
+    // The table's own limit: a table of N entries fails from N-1 fields on, its last entry being
+    // reserved for the end mark (so at most N-2 fields are taken).
+    Fields(char* text, std::span<char*> table) : Fields(text, table, table.size() - 2) {}
 
     std::size_t count() const { return count_; }
     bool empty() const { return count_ == 0; }
@@ -52,8 +54,8 @@ class Fields {
     bool too_many_ = false;
 };
 
-// The command's copy of `in`, split: `copied` tells whether it fitted `buffer`; one that did not
-// leaves an empty copy and so no field.
+// The command's copy of `in`, split with `limit` as Fields takes it: `copied` tells whether it
+// fitted `buffer`; one that did not leaves an empty copy and so no field.
 Fields split_copy(const char* in, std::span<char> buffer, std::span<char*> table, std::size_t limit,
                   bool& copied);
 
