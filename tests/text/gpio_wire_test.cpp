@@ -67,26 +67,28 @@ TEST_F(GpioText, ReadWritesTheLevelsAndKeepsThemAfterAFailure) {
     }
 }
 
-// Adapter 1 open, adapter 0 not.
-class GpioTextSecondAdapter : public TextWire {
+class GpioTextTwoAdapters : public TextWire {
   protected:
     void SetUp() override {
         reset({adapter("TX0001"), adapter("TX0002")});
         ASSERT_EQ(KGI_OpenDevice(KD_DEVTYPE_I2C, 1, 0), 0);
+        sim::silence(0, true);
         sim::silence(1, true);
         settle();
     }
 };
 
-TEST_F(GpioTextSecondAdapter, SelectionDecidesTheDeviceOfTheFrames) {
+TEST_F(GpioTextTwoAdapters, SelectionDecidesTheDeviceOfTheFrames) {
     EXPECT_EQ(call(KDIF_GPIO_SelectDevice, "0x01").out, "Select device 1 success!");
     EXPECT_EQ(call(KDIF_GPIO_WriteData, "1|1").code, 0);
-    ASSERT_EQ(calls(Call::BulkWrite).size(), 1u);
-    EXPECT_EQ(calls(Call::BulkWrite)[0].adapter, 1);
-    const TextResult r = call(KDIF_GPIO_SelectDevice, "0");
+    const TextResult r = call(KDIF_GPIO_SelectDevice, "5");
     EXPECT_EQ(r.code, -11);
-    EXPECT_EQ(r.out, "Device 0 isn't exist or isn't opened!");
-    EXPECT_EQ(call(KDIF_GPIO_WriteData, "1|1").code, -5) << "back on the closed adapter 0";
+    EXPECT_EQ(r.out, "Device 5 isn't exist or isn't opened!");
+    EXPECT_EQ(call(KDIF_GPIO_WriteData, "1|1").code, 0);
+    const auto writes = calls(Call::BulkWrite);
+    ASSERT_EQ(writes.size(), 2u);
+    EXPECT_EQ(writes[0].adapter, 1);
+    EXPECT_EQ(writes[1].adapter, 0) << "a failed selection makes device 0 current";
 }
 
 }  // namespace
