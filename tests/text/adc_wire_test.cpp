@@ -26,11 +26,11 @@ class AdcText : public TextWire {
 
 TEST_F(AdcText, InitSendsMaskAndPeriodAndLeavesOutAlone) {
     inject_bulk(status_answer(36));
-    std::string in_after;
-    const TextResult ok = call(KDIF_ADC_Init, "0x03|1000", &in_after);
-    EXPECT_EQ(ok.code, 0);
-    EXPECT_EQ(ok.out, kUntouched);
-    EXPECT_EQ(in_after, "0x03") << "split in place";
+    std::string in = "0x03|1000";
+    std::string out = kUntouched;
+    EXPECT_EQ(KDIF_ADC_Init(in.data(), out.data()), 0);
+    EXPECT_EQ(out, kUntouched);
+    EXPECT_STREQ(in.c_str(), "0x03") << "split in place";
     EXPECT_EQ(sent(), std::vector<Frame>{request(2560, {0x03, 0x00, 0x00, 0x03, 0xE8})});
 
     const struct {
@@ -123,7 +123,7 @@ TEST_F(AdcText, ReadRefusalsAndFailures) {
     }
     init("0xFF");
     inject_bulk(Bytes(8192, 0x22));
-    const TextResult all = call(KDIF_ADC_ReadData, "512");
+    const TextResult all = call(KDIF_ADC_ReadData, "512", 1 << 15);
     EXPECT_EQ(all.code, 0);
     EXPECT_EQ(reads().size(), 16u);
     EXPECT_EQ(all.out.size(), 4096u * 7 - 1);

@@ -23,7 +23,7 @@ constexpr int kNotShown = -2;
 
 struct Row {
     const char* name;
-    TextFn fn;
+    TextCommand fn;
     Split split;
     Answer none;           // for "" and "|||"
     std::size_t too_many;  // the field count refused as too many; 0 when there is none

@@ -11,7 +11,7 @@ using GpioText = TextWire;
 
 TEST_F(GpioText, InitAndWriteSendMaskAndDataWithoutWaiting) {
     const struct {
-        TextFn fn;
+        TextCommand fn;
         const char* in;
         int32_t code;
         const char* out;
@@ -71,7 +71,7 @@ class GpioTextTwoAdapters : public TextWire {
   protected:
     void SetUp() override {
         reset({adapter("TX0001"), adapter("TX0002")});
-        ASSERT_EQ(KGI_OpenDevice(KD_DEVTYPE_I2C, 1, 0), 0);
+        ASSERT_EQ(call(KDIF_OpenDevice, "1").code, 0);
         sim::silence(0, true);
         sim::silence(1, true);
         settle();

@@ -1,45 +1,17 @@
-// Text commands on one open adapter whose firmware is silenced: every answer is scripted by the
-// test, and the frames the commands send are inspected.
+// The GPIO, ADC and USART text commands and the conventions table on one adapter opened through
+// the text interface, its firmware silenced: every answer is scripted by the test.
 #pragma once
 
+#include <optional>
 #include <string>
 
-#include "ControlGPIO.h"
-#include "CorvelText.h"
-#include "adapter_fixture.hpp"
+#include "text_fixture.hpp"
 
 namespace corvel::test {
 
-using TextFn = int32_t (*)(char*, char*);
-
-// What a text command returned and wrote. `out` starts as kUntouched.
-struct TextResult {
-    int32_t code;
-    std::string out;
-};
-
-inline const std::string kUntouched = "untouched";
-
-// Calls `fn` on a copy of `in` (the command may split it in place); `in_after`, when given,
-// receives the caller's text as the command left it.
-inline TextResult call(TextFn fn, std::string in, std::string* in_after = nullptr) {
-    static std::string out;
-    out.assign(1 << 17, '\0');
-    out.replace(0, kUntouched.size(), kUntouched);
-    in.push_back('\0');
-    const int32_t code = fn(in.data(), out.data());
-    if (in_after != nullptr) *in_after = in.c_str();
-    return {code, out.c_str()};
-}
-
-class TextWire : public VirtualAdapters {
+class TextWire : public TextAdapter {
   protected:
-    void SetUp() override {
-        reset({adapter("TX0001")});
-        ASSERT_EQ(KGI_OpenDevice(KD_DEVTYPE_I2C, 0, 0), 0);
-        sim::silence(0, true);
-        settle();
-    }
+    void SetUp() override { ASSERT_NO_FATAL_FAILURE(open_silenced(KD_DEVTYPE_I2C)); }
 };
 
 // "1|1|...|1" with n fields.
