@@ -169,8 +169,9 @@ CORVEL_API int32_t KDIF_USART_Init(char* in, char* out);
  * with the command's reply text. 20481 fields or more: "input data error!", -2. */
 CORVEL_API int32_t KDIF_USART_WriteData(char* in, char* out);
 /* `in` is ignored and may be NULL. The bytes the adapter received since the last read, at most
- * 505, as "0x%02X" joined by "|" and 0 ("0x00" when the answer was empty); "no data" and -7 when
- * nothing was waiting, the receive's code otherwise. A NULL `out` is -1. */
+ * 505, as "0x%02X" joined by "|" and 0 ("0x00" when the answer was empty). On failure "no data"
+ * with -7 when nothing was waiting, -5 when a request did not go out, 1 when the answer with the
+ * bytes did not come. A NULL `out` is -1. */
 CORVEL_API int32_t KDIF_USART_ReadData(char* in, char* out);
 
 CORVEL_EXTERN_C_END

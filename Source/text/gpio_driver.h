@@ -23,5 +23,5 @@ extern GPIO_DATA GPIO_Data;
 int GPIO_Init(GPIO_DATA* data);
 int GPIO_WriteData(GPIO_DATA* data);
 // 0 with `data` set to the levels; -5 not sent; -6 no answer or not MSG_GPIO_READ_DATA_OK.
-// p_getDataBuff must hold a 512-byte reply.
+// p_getDataBuff must hold 64 bytes (the levels are its first four).
 int GPIO_ReadData(GPIO_DATA* data);

@@ -33,8 +33,31 @@ Fields::Fields(char* text, std::span<char*> table, std::size_t limit) : table_(t
     }
 }
 
+Fields split_copy(const char* in, std::span<char> buffer, std::span<char*> table, std::size_t limit,
+                  bool& copied) {
+    copied = copy_input(in, buffer);
+    if (!copied) buffer[0] = '\0';
+    return Fields(buffer.data(), table, limit);
+}
+
 long Fields::number(std::size_t i) const {
     return text::number(table_[i]);
+}
+
+int32_t judge(bool copied, const Fields& fields, std::size_t needed, const Refusal& texts, char* out) {
+    if (!copied || fields.too_many()) {
+        put(out, texts.too_many);
+        return -2;
+    }
+    if (fields.empty()) {
+        put(out, texts.none);
+        return -3;
+    }
+    if (fields.count() < needed) {
+        put(out, texts.too_few);
+        return -3;
+    }
+    return 0;
 }
 
 Writer& Writer::text(std::string_view s) {

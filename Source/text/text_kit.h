@@ -30,13 +30,16 @@ bool copy_input(const char* in, std::span<char> buffer);
 
 // The fields of a text split in place on '|'. A field is a run of other characters; separators
 // that start, end or repeat produce no empty field. Pointers to the fields go into `table` in
-// order; once `limit` fields were counted the split stops and too_many() is true (a command whose
-// table has N entries fails from N-1 fields on, the last entry being reserved for the end mark).
+// order. `limit` is the most fields taken: when one more follows, the split stops and too_many()
+// is true (limit 4 takes "a|b|c|d" and refuses "a|b|c|d|e"). `table` holds at least `limit`
+// entries.
 class Fields {
   public:
+    Fields() = default;  // no fields yet; assign a split to it
     Fields(char* text, std::span<char*> table, std::size_t limit);
-    // The table's own limit: N entries fail from N-1 fields on.
-    Fields(char* text, std::span<char*> table) : Fields(text, table, table.size() - 1) {}
+    // The table's own limit: a table of N entries fails from N-1 fields on, its last entry being
+    // reserved for the end mark (so at most N-2 fields are taken).
+    Fields(char* text, std::span<char*> table) : Fields(text, table, table.size() - 2) {}
 
     std::size_t count() const { return count_; }
     bool empty() const { return count_ == 0; }
@@ -51,12 +54,29 @@ class Fields {
     bool too_many_ = false;
 };
 
+// The command's copy of `in`, split with `limit` as Fields takes it: `copied` tells whether it
+// fitted `buffer`; one that did not leaves an empty copy and so no field.
+Fields split_copy(const char* in, std::span<char> buffer, std::span<char*> table, std::size_t limit,
+                  bool& copied);
+
 // A field (or a whole text) read as strtol reads it with base 0: "0x"/"0X" hexadecimal, a leading
 // "0" octal, otherwise decimal, an optional sign, stopping at the first character that does not
 // fit; no digits is 0. Callers cut the value to the width of the field that receives it.
 inline long number(const char* text) {
     return std::strtol(text, nullptr, 0);
 }
+
+// The texts a command answers refused input with: too long to copy or too many fields (-2), no
+// field at all (-3), fewer fields than it reads (-3).
+struct Refusal {
+    std::string_view too_many;
+    std::string_view none = "please input data!";
+    std::string_view too_few = "please input data!";
+};
+
+// Judges a command's split input: 0 when `copied` and the fields are neither too many nor fewer
+// than `needed`; otherwise the code, with the matching text of `texts` written to `out`.
+int32_t judge(bool copied, const Fields& fields, std::size_t needed, const Refusal& texts, char* out);
 
 // ---- Output ---------------------------------------------------------------------------------
 

@@ -155,7 +155,16 @@ TEST_F(Messages, RepliesCopyNoMoreThanWasAnnouncedArrivedOrFits) {
         {exact, {reply(787, 2, {0x01, 0x02}, 2, 9)}, 2, 0, 787, 2, {0x01, 0x02}, {9}, 1000},
         {exact, {reply(787, 2, {0x05, 0x06}, 40, 9)}, 2, 0, 787, 40, {0x05, 0x06}, {9}, 1000},
         {exact, {reply(787, 2, {0x01}, 1, 8)}, 2, 1, 0, 0, {}, {8}, 1000},
-        {exact, {}, 506, 1, 0, 0, {}, {}, 1000},  // more than one packet holds: nothing is read
+        // Longer than a packet: received whole, but the default capacity copies 505 bytes.
+        {exact,
+         {reply(787, 2, Bytes(counting.begin(), counting.begin() + 506))},
+         506,
+         0,
+         787,
+         506,
+         Bytes(counting.begin(), counting.begin() + 505),
+         {513},
+         1000},
         {header_first, {reply(32769, 2, {}, 0, 7)}, 0, 0, 32769, 0, {}, {7}, 1000},
         {header_first, {reply(32769, 2, {}, 600, 7), counting}, 0, 0, 32769, 600, counting, {7, 600}, 1000},
         {header_first, {reply(32769, 2, {}, 10, 7), {1, 2, 3}}, 0, 1, 0, 0, {}, {7, 3}, 1000},
