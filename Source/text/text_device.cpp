@@ -5,7 +5,8 @@
 #include "CorvelText.h"
 #include "lock.h"
 #include "text_kit.h"
-#include "usb_list.h"
+#include "corvel/protocol.hpp"
+#include "kd_board.h"
 
 namespace proto = corvel::proto;
 namespace text = corvel::text;
@@ -69,9 +70,9 @@ CORVEL_API int32_t KDIF_OpenDevice(char* in, char* out) {
         return refused;
     if (!lock_is_created(device)) lock_init(device);
     // The board open, with the lock taken here: KD_OpenBoard would take it a second time.
-    if (usb_init_flag == 0) KD_EnumBoard(1);
+    ensure_enumerated();
     lock(device);
-    const bool opened = open_dev(device);
+    const bool opened = open_board_locked(device);
     if (opened)
         text::Writer(out).text("Open device ").dec(device).text(" success!");
     else
